@@ -1,0 +1,18 @@
+# Flags shared by every target of the project.
+
+# Frame pointers everywhere: the runtime captures call stacks by walking them.
+add_compile_options(-fno-omit-frame-pointer)
+
+if(KYRT_SANITIZE)
+  if(NOT KYRT_SANITIZE MATCHES "^(address,undefined|undefined,address|address|undefined|thread)$")
+    message(FATAL_ERROR "KYRT_SANITIZE must be 'address,undefined' or 'thread', not '${KYRT_SANITIZE}'")
+  endif()
+  add_compile_options(-fsanitize=${KYRT_SANITIZE} -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${KYRT_SANITIZE} -fno-sanitize-recover=all)
+endif()
+
+# Warnings are errors for the project's own code (not for third-party code
+# built alongside, such as GoogleTest).
+function(kyrt_strict_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+endfunction()

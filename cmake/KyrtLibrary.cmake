@@ -1,0 +1,75 @@
+# The runtime library.
+#
+# The sources are compiled once as an object library, with hidden
+# visibility and position-independent code, and linked into:
+#   - kyrt         libkyrt.so, the library tools link against; only the
+#                  names marked KYRT_API are exported;
+#   - kyrt_static  a static archive of the same objects for the test suite,
+#                  which reaches internal test seams through it. Not
+#                  installed.
+# The POSIX host adapter is a separate static library, kyrt_posix_host.
+
+set(KYRT_ROOT ${PROJECT_SOURCE_DIR})
+
+set(KYRT_SOURCES
+  ${KYRT_ROOT}/runtime/atomics.cpp
+  ${KYRT_ROOT}/runtime/hooks.cpp
+  ${KYRT_ROOT}/runtime/proc_paths.cpp
+  ${KYRT_ROOT}/runtime/startup.cpp
+  ${KYRT_ROOT}/runtime/system_information.cpp
+  ${KYRT_ROOT}/sync/shared_exclusive_lock.cpp
+  ${KYRT_ROOT}/sync/spin_lock.cpp
+)
+if(KYRT_POSIX_OS_SERVICES)
+  list(APPEND KYRT_SOURCES ${KYRT_ROOT}/util/os_services_posix.cpp)
+endif()
+
+add_library(kyrt_objects OBJECT ${KYRT_SOURCES})
+set_target_properties(kyrt_objects PROPERTIES
+  POSITION_INDEPENDENT_CODE ON
+  C_VISIBILITY_PRESET hidden
+  CXX_VISIBILITY_PRESET hidden
+  VISIBILITY_INLINES_HIDDEN ON)
+target_include_directories(kyrt_objects
+  PUBLIC $<BUILD_INTERFACE:${KYRT_ROOT}/include>
+  PRIVATE ${KYRT_ROOT})
+# -fno-strict-aliasing: lock records are read through a second width (the
+# shared-exclusive lock's state and reader count as one 64-bit word).
+target_compile_options(kyrt_objects PRIVATE -fno-strict-aliasing)
+target_compile_definitions(kyrt_objects PRIVATE
+  KYRT_POSIX_OS_SERVICES=$<BOOL:${KYRT_POSIX_OS_SERVICES}>)
+kyrt_strict_warnings(kyrt_objects)
+
+add_library(kyrt SHARED $<TARGET_OBJECTS:kyrt_objects>)
+add_library(kyrt::kyrt ALIAS kyrt)
+set_target_properties(kyrt PROPERTIES
+  VERSION ${PROJECT_VERSION}
+  SOVERSION ${PROJECT_VERSION_MAJOR}
+  EXPORT_NAME kyrt)
+target_include_directories(kyrt PUBLIC
+  $<BUILD_INTERFACE:${KYRT_ROOT}/include>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+target_link_libraries(kyrt PRIVATE Threads::Threads ${CMAKE_DL_LIBS})
+if(KYRT_POSIX_OS_SERVICES AND NOT KYRT_SANITIZE)
+  # Everything the library needs is defined inside it or in its
+  # dependencies; a host framework build leaves the directory services open.
+  target_link_options(kyrt PRIVATE -Wl,--no-undefined)
+endif()
+
+add_library(kyrt_static STATIC $<TARGET_OBJECTS:kyrt_objects>)
+target_include_directories(kyrt_static PUBLIC ${KYRT_ROOT}/include ${KYRT_ROOT})
+target_link_libraries(kyrt_static PUBLIC Threads::Threads ${CMAKE_DL_LIBS})
+
+# The POSIX host adapter. Its objects are kept apart so that tests linking
+# the static archive can take them without pulling in libkyrt.so.
+add_library(kyrt_posix_host_objects OBJECT ${KYRT_ROOT}/runtime/posix_host/posix_host.cpp)
+set_target_properties(kyrt_posix_host_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
+target_include_directories(kyrt_posix_host_objects PRIVATE ${KYRT_ROOT}/include)
+kyrt_strict_warnings(kyrt_posix_host_objects)
+
+add_library(kyrt_posix_host STATIC $<TARGET_OBJECTS:kyrt_posix_host_objects>)
+add_library(kyrt::posix_host ALIAS kyrt_posix_host)
+set_target_properties(kyrt_posix_host PROPERTIES
+  OUTPUT_NAME kyrt-posix-host
+  EXPORT_NAME posix_host)
+target_link_libraries(kyrt_posix_host PUBLIC kyrt Threads::Threads)

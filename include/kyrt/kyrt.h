@@ -1,0 +1,16 @@
+/*
+ * KYRT - support runtime for analysis tools.
+ *
+ * Umbrella header: includes every public family. Usable from C (the C
+ * functions and variables) and from C++ (also the classes).
+ */
+#ifndef KYRT_KYRT_H
+#define KYRT_KYRT_H
+
+#include "kyrt/export.h"
+#include "kyrt/runtime.h"
+#include "kyrt/shared_exclusive_lock.h"
+#include "kyrt/spin_lock.h"
+#include "kyrt/system_information.h"
+
+#endif /* KYRT_KYRT_H */

@@ -1,0 +1,22 @@
+#include "runtime/proc_paths.h"
+
+namespace kyrt {
+namespace {
+
+constexpr ProcPaths kRealProcPaths = {"/proc/stat", "/proc/cpuinfo", "/proc/meminfo"};
+
+ProcPaths g_procPaths = kRealProcPaths;
+
+const char* OrDefault(const char* path, const char* fallback) { return path ? path : fallback; }
+
+}  // namespace
+
+const ProcPaths& CurrentProcPaths() { return g_procPaths; }
+
+void SetProcPathsForTesting(const ProcPaths& paths) {
+  g_procPaths.stat = OrDefault(paths.stat, kRealProcPaths.stat);
+  g_procPaths.cpuinfo = OrDefault(paths.cpuinfo, kRealProcPaths.cpuinfo);
+  g_procPaths.meminfo = OrDefault(paths.meminfo, kRealProcPaths.meminfo);
+}
+
+}  // namespace kyrt

@@ -1,0 +1,135 @@
+// Shared-exclusive spin locks with writer preference.
+//
+// The state (low half) and the reader count (high half) form one aligned
+// 64-bit word. A reader counts itself in before it enters, and the last
+// reader frees the lock by swapping the whole word from "shared, no readers"
+// to "free, no readers": while any reader is counted, including one that has
+// counted itself but not yet entered, that swap fails, so a lock is never
+// freed under a reader.
+#include "kyrt/shared_exclusive_lock.h"
+
+#include <cstddef>
+
+#include "sync/lock_common.h"
+
+static_assert(sizeof(KySharedExclusiveLock) == 32 && alignof(KySharedExclusiveLock) == 8,
+              "KySharedExclusiveLock layout");
+static_assert(offsetof(KySharedExclusiveLock, state) == 0, "state: low half of the pair");
+static_assert(offsetof(KySharedExclusiveLock, readerCount) == 4, "readers: high half");
+static_assert(offsetof(KySharedExclusiveLock, ownerThreadId) == 8, "owner");
+static_assert(offsetof(KySharedExclusiveLock, writerWaiting) == 16, "writer waiting");
+static_assert(offsetof(KySharedExclusiveLock, recursionCount) == 20, "recursion count");
+static_assert(offsetof(KySharedExclusiveLock, spinCount) == 24, "spin count");
+
+namespace {
+
+constexpr uint32_t kShared = 1;
+constexpr uint32_t kExclusive = 2;
+
+// State "shared" with a reader count of 0, as the 64-bit pair reads it.
+constexpr int64_t kPairSharedNoReaders = kShared;
+constexpr int64_t kPairFree = 0;
+
+volatile int64_t* StateAndReaders(KySharedExclusiveLock* lock) {
+  return reinterpret_cast<volatile int64_t*>(&lock->state);
+}
+
+volatile int32_t* Readers(KySharedExclusiveLock* lock) {
+  return reinterpret_cast<volatile int32_t*>(&lock->readerCount);
+}
+
+}  // namespace
+
+extern "C" {
+
+void __KyInitializeSharedExclusiveLockAndSpinCount(KySharedExclusiveLock* lock,
+                                                   uint32_t spinCount) noexcept {
+  kyrt::StoreRelaxed(&lock->readerCount, 0u);
+  kyrt::StoreRelaxed(&lock->ownerThreadId, uint64_t{0});
+  kyrt::StoreRelaxed(&lock->writerWaiting, 0u);
+  kyrt::StoreRelaxed(&lock->recursionCount, 0u);
+  kyrt::StoreRelaxed(&lock->spinCount, spinCount);
+  kyrt::StoreRelease(&lock->state, kyrt::kLockStateFree);
+}
+
+void __KyInitializeSharedExclusiveLock(KySharedExclusiveLock* lock) noexcept {
+  __KyInitializeSharedExclusiveLockAndSpinCount(lock, 0);
+}
+
+void __KyAcquireSharedLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexcept {
+  if (kyrt::IsOwnedBy(lock, tid)) return;  // the exclusive owner reads under its own lock
+  const uint32_t spinCount = kyrt::LoadRelaxed(&lock->spinCount);
+  if (kyrt::LoadRelaxed(&lock->writerWaiting) == 1) {
+    kyrt::PollBackoff(spinCount).waitWhile(
+        [lock] { return kyrt::LoadRelaxed(&lock->writerWaiting) == 1; });
+  }
+  __KyInterlockedIncrement(Readers(lock));
+  // One poll counter for every pass: a writer slipping in between the wait
+  // and the swap does not restart the count.
+  kyrt::PollBackoff backoff(spinCount);
+  for (;;) {
+    backoff.waitWhile([lock] { return kyrt::LoadRelaxed(&lock->state) == kExclusive; });
+    // From free the swap makes the lock shared; an already shared lock is
+    // entered as it is. Only a writer that came in between sends us round.
+    if (kyrt::StateCompareExchange(&lock->state, kShared, kyrt::kLockStateFree) !=
+        static_cast<int32_t>(kExclusive)) {
+      return;
+    }
+  }
+}
+
+void __KyAcquireSharedLock(KySharedExclusiveLock* lock) noexcept {
+  __KyAcquireSharedLockTid(lock, __KyGetNativeThreadId());
+}
+
+void __KyReleaseSharedLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexcept {
+  if (kyrt::IsOwnedBy(lock, tid)) return;
+  __KyInterlockedDecrement(Readers(lock));
+  __KyInterlockedCompareExchange64(StateAndReaders(lock), kPairFree, kPairSharedNoReaders);
+}
+
+void __KyReleaseSharedLock(KySharedExclusiveLock* lock) noexcept {
+  __KyReleaseSharedLockTid(lock, __KyGetNativeThreadId());
+}
+
+int __KyIsExclusiveLockAcquiredByCallingThread(KySharedExclusiveLock* lock) noexcept {
+  return kyrt::LoadRelaxed(&lock->state) == kExclusive &&
+         kyrt::IsOwnedBy(lock, __KyGetNativeThreadId());
+}
+
+void __KyAcquireExclusiveLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexcept {
+  if (kyrt::IsOwnedBy(lock, tid)) {
+    kyrt::CountReentry(lock);
+    return;
+  }
+  kyrt::AcquireStateWord(&lock->state, kExclusive, kyrt::LoadRelaxed(&lock->spinCount), [lock] {
+    // Keep new readers out while we wait (a plain store: best effort).
+    if (kyrt::LoadRelaxed(&lock->writerWaiting) == 0) kyrt::StoreRelaxed(&lock->writerWaiting, 1u);
+  });
+  // Cleared even if other writers still wait: each raises it again on its
+  // next busy poll.
+  kyrt::StoreRelaxed(&lock->writerWaiting, 0u);
+  kyrt::RecordOwner(lock, tid);
+}
+
+void __KyAcquireExclusiveLock(KySharedExclusiveLock* lock) noexcept {
+  __KyAcquireExclusiveLockTid(lock, __KyGetNativeThreadId());
+}
+
+int __KyTryToAcquireExclusiveLock(KySharedExclusiveLock* lock, uint32_t attempts) noexcept {
+  const KyThreadId tid = __KyGetNativeThreadId();
+  if (kyrt::IsOwnedBy(lock, tid)) {
+    kyrt::CountReentry(lock);
+    return 1;
+  }
+  if (!kyrt::TryAcquireStateWord(&lock->state, kExclusive, attempts)) return 0;
+  kyrt::StoreRelaxed(&lock->writerWaiting, 0u);
+  kyrt::RecordOwner(lock, tid);
+  return 1;
+}
+
+void __KyReleaseExclusiveLock(KySharedExclusiveLock* lock) noexcept {
+  kyrt::ReleaseRecursive(lock, kExclusive);
+}
+
+}  // extern "C"
