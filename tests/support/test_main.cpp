@@ -5,9 +5,11 @@
 // directory, removed when the case ends: the runtime is process-global and
 // writes into the working directory, so no two cases ever share a file.
 //
-// A death-test child (re-executed with --gtest_internal_run_death_test) stays
+// A death-test child (re-executed with --gtest_internal_run_death_test) works
 // in the directory of the case that started it, so that the parent can look
-// at what the child left behind.
+// at what the child left behind. GoogleTest re-executes the child in the
+// directory the binary was started in, so the parent hands its scratch
+// directory down in the environment.
 #include <ftw.h>
 #include <unistd.h>
 
@@ -20,6 +22,8 @@
 #include "gtest/gtest.h"
 
 namespace {
+
+constexpr const char* kScratchVariable = "KYRT_TEST_SCRATCH_DIRECTORY";
 
 bool IsDeathTestChild(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
@@ -43,6 +47,7 @@ class ScratchDirectory {
       std::exit(2);
     }
     path_ = pattern;
+    setenv(kScratchVariable, path_.c_str(), 1);
   }
 
   ~ScratchDirectory() {
@@ -60,15 +65,22 @@ class ScratchDirectory {
   char previous_[PATH_MAX];
 };
 
+int RunAllTests(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  // Death tests re-execute the binary rather than fork a process that may
+  // have threads of its own.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  return RUN_ALL_TESTS();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bool deathTestChild = IsDeathTestChild(argc, argv);
-  testing::InitGoogleTest(&argc, argv);
-  // Death tests re-execute the binary rather than fork a process that has
-  // threads of its own.
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  if (deathTestChild) return RUN_ALL_TESTS();
+  if (IsDeathTestChild(argc, argv)) {
+    const char* parentScratch = std::getenv(kScratchVariable);
+    if (parentScratch == nullptr || chdir(parentScratch) != 0) return 2;
+    return RunAllTests(argc, argv);
+  }
   ScratchDirectory scratch;
-  return RUN_ALL_TESTS();
+  return RunAllTests(argc, argv);
 }
