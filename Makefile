@@ -1,0 +1,28 @@
+# Entry points. Each target installs what it needs first.
+#   make test   build and run every test: normal, ASan+UBSan, TSan
+#   make demo   build the library and run the main job
+#   make bench  run the benchmarks (Release build)
+
+.PHONY: deps test demo bench format clean
+
+deps:
+	@scripts/install-deps.sh
+
+test: deps
+	@scripts/run-tests.sh
+
+demo: deps
+	@cmake --preset default >/dev/null
+	@cmake --build --preset default --target lock_demo
+	@build/default/examples/lock_demo
+
+bench: deps
+	@cmake --preset bench >/dev/null
+	@cmake --build --preset bench
+	@build/bench/bench/sync_bench
+
+format:
+	@git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build

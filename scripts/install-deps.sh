@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building, testing and benchmarking KYRT
+# need, and only those that are missing. The package index is refreshed only
+# when something has to be installed.
+set -euo pipefail
+
+packages=(
+  build-essential   # g++, make
+  cmake
+  ninja-build
+  pkg-config
+  binutils          # nm, readelf, c++filt for the export checks
+  googletest        # GoogleTest sources, built with the project's flags
+  libbenchmark-dev  # Google Benchmark
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$package")
+  fi
+done
+
+if ((${#missing[@]} == 0)); then
+  exit 0
+fi
+
+echo "installing missing packages: ${missing[*]}"
+run_as_root=()
+if [[ $(id -u) -ne 0 ]]; then
+  command -v sudo >/dev/null || { echo "need root (or sudo) to install: ${missing[*]}" >&2; exit 1; }
+  run_as_root=(sudo)
+fi
+export DEBIAN_FRONTEND=noninteractive
+"${run_as_root[@]}" apt-get update -q
+"${run_as_root[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
