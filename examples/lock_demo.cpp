@@ -17,8 +17,8 @@ constexpr int kIterations = 200000;
 struct Shared {
   KySpinLock spin;
   KySharedExclusiveLock rw;
-  long spinCounter = 0;     // guarded by spin
-  long first = 0;           // first == second, guarded by rw
+  long spinCounter = 0;  // guarded by spin
+  long first = 0;        // first == second, guarded by rw
   long second = 0;
   volatile int32_t busyTries = 0;  // try-acquires that found the spin lock held
   volatile int32_t tornReads = 0;  // readers that saw first != second (must stay 0)

@@ -87,7 +87,9 @@ uint32_t __KyGetMostSignificantOneIndexLong(uint64_t value) noexcept {
   return __KyGetMostSignificantOneIndexInternal(static_cast<uint32_t>(value));
 }
 
-void __KyYield(void) noexcept { sched_yield(); }
+void __KyYield(void) noexcept {
+  sched_yield();
+}
 
 void __KySleep(uint32_t units) noexcept {
   for (uint32_t round = kyrt::SleepRounds(units); round != 0; --round) {

@@ -92,9 +92,13 @@ void __KySetGetNativeParentThreadIdProc(KyGetThreadIdProc proc) noexcept {
   StoreRelaxed(&__kyGetNativeParentThreadIdProc, proc);
 }
 
-void __KySetTlsAllocProc(KyTlsAllocProc proc) noexcept { StoreRelaxed(&__kyTlsAllocProc, proc); }
+void __KySetTlsAllocProc(KyTlsAllocProc proc) noexcept {
+  StoreRelaxed(&__kyTlsAllocProc, proc);
+}
 
-void __KySetTlsFreeProc(KyTlsFreeProc proc) noexcept { StoreRelaxed(&__kyTlsFreeProc, proc); }
+void __KySetTlsFreeProc(KyTlsFreeProc proc) noexcept {
+  StoreRelaxed(&__kyTlsFreeProc, proc);
+}
 
 void __KySetTlsGetValueProc(KyTlsGetValueProc proc) noexcept {
   StoreRelaxed(&__kyTlsGetValueProc, proc);
@@ -104,7 +108,9 @@ void __KySetTlsSetValueProc(KyTlsSetValueProc proc) noexcept {
   StoreRelaxed(&__kyTlsSetValueProc, proc);
 }
 
-void __KySetGetPidProc(KyGetPidProc proc) noexcept { StoreRelaxed(&g_getPidProc, proc); }
+void __KySetGetPidProc(KyGetPidProc proc) noexcept {
+  StoreRelaxed(&g_getPidProc, proc);
+}
 
 int __KySetThreadProcs(KyThreadCreateProc create, KyThreadExitProc exit, KyThreadWaitProc wait,
                        KyAddFiniProc addFini) noexcept {
@@ -119,15 +125,21 @@ KyThreadCreateProc __KyGetThreadCreateProc(void) noexcept {
   return LoadRelaxed(&g_threadCreateProc);
 }
 
-KyThreadWaitProc __KyGetThreadWaitProc(void) noexcept { return LoadRelaxed(&g_threadWaitProc); }
+KyThreadWaitProc __KyGetThreadWaitProc(void) noexcept {
+  return LoadRelaxed(&g_threadWaitProc);
+}
 
 }  // extern "C"
 
 namespace kyrt {
 
-KyThreadExitProc ThreadExitHook() { return LoadRelaxed(&g_threadExitProc); }
+KyThreadExitProc ThreadExitHook() {
+  return LoadRelaxed(&g_threadExitProc);
+}
 
-KyAddFiniProc AddFiniHook() { return LoadRelaxed(&g_addFiniProc); }
+KyAddFiniProc AddFiniHook() {
+  return LoadRelaxed(&g_addFiniProc);
+}
 
 bool HelperThreadHooksComplete() {
   return __KyGetThreadCreateProc() && ThreadExitHook() && __KyGetThreadWaitProc() && AddFiniHook();

@@ -7,11 +7,15 @@ constexpr ProcPaths kRealProcPaths = {"/proc/stat", "/proc/cpuinfo", "/proc/memi
 
 ProcPaths g_procPaths = kRealProcPaths;
 
-const char* OrDefault(const char* path, const char* fallback) { return path ? path : fallback; }
+const char* OrDefault(const char* path, const char* fallback) {
+  return path ? path : fallback;
+}
 
 }  // namespace
 
-const ProcPaths& CurrentProcPaths() { return g_procPaths; }
+const ProcPaths& CurrentProcPaths() {
+  return g_procPaths;
+}
 
 void SetProcPathsForTesting(const ProcPaths& paths) {
   g_procPaths.stat = OrDefault(paths.stat, kRealProcPaths.stat);

@@ -11,7 +11,9 @@ inline constexpr uint32_t kSleepRoundsPerUnit = 5000000u;
 
 // units x 5,000,000 in 32-bit unsigned arithmetic: the product wraps from
 // 859 units on, and that wrap is part of the contract.
-constexpr uint32_t SleepRounds(uint32_t units) { return units * kSleepRoundsPerUnit; }
+constexpr uint32_t SleepRounds(uint32_t units) {
+  return units * kSleepRoundsPerUnit;
+}
 
 }  // namespace kyrt
 

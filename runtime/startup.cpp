@@ -58,7 +58,9 @@ void TakeStartupGuard() {
   while (__KyInterlockedCompareExchange(&g_startupGuard, 1, 0) != 0) __KyYield();
 }
 
-void ReleaseStartupGuard() { kyrt::StoreRelease(&g_startupGuard, 0); }
+void ReleaseStartupGuard() {
+  kyrt::StoreRelease(&g_startupGuard, 0);
+}
 
 }  // namespace
 
@@ -86,8 +88,12 @@ uint32_t __KyRtStartup(void) noexcept {
 
 void __KyRtShutdown(void) noexcept {}
 
-int __KyGetStarted(void) noexcept { return __atomic_load_n(&__kyRtStarted, __ATOMIC_ACQUIRE); }
+int __KyGetStarted(void) noexcept {
+  return __atomic_load_n(&__kyRtStarted, __ATOMIC_ACQUIRE);
+}
 
-int __KyGetNProcs(void) noexcept { return kyrt::LoadRelaxed(&__kyNumberOfProcessors); }
+int __KyGetNProcs(void) noexcept {
+  return kyrt::LoadRelaxed(&__kyNumberOfProcessors);
+}
 
 }  // extern "C"

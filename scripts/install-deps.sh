@@ -10,6 +10,7 @@ packages=(
   ninja-build
   pkg-config
   binutils          # nm, readelf, c++filt for the export checks
+  clang-format      # the formatting check
   googletest        # GoogleTest sources, built with the project's flags
   libbenchmark-dev  # Google Benchmark
 )

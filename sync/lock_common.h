@@ -25,8 +25,8 @@ inline constexpr uint32_t kLockStateFree = 0;
 inline int32_t StateCompareExchange(uint32_t* state, uint32_t exchange, uint32_t comparand) {
   // Signed and unsigned variants of one type may alias: the state word is
   // swapped with the runtime's one 32-bit compare-and-swap.
-  return CompareExchange(reinterpret_cast<volatile int32_t*>(state),
-                         static_cast<int32_t>(exchange), static_cast<int32_t>(comparand));
+  return CompareExchange(reinterpret_cast<volatile int32_t*>(state), static_cast<int32_t>(exchange),
+                         static_cast<int32_t>(comparand));
 }
 
 inline bool TrySwapState(uint32_t* state, uint32_t takenValue) {

@@ -71,7 +71,9 @@ int __KyTryToAcquireSpinLock(KySpinLock* lock, uint32_t attempts) noexcept {
   return __KyTryToAcquireSpinLockTid(lock, attempts, __KyGetNativeThreadId());
 }
 
-void __KyReleaseSpinLock(KySpinLock* lock) noexcept { kyrt::ReleaseRecursive(lock, kSpinLockHeld); }
+void __KyReleaseSpinLock(KySpinLock* lock) noexcept {
+  kyrt::ReleaseRecursive(lock, kSpinLockHeld);
+}
 
 void __KySetTrellClientLockProc(KyClientLockProc lockProc, KyClientLockProc unlockProc) noexcept {
   kyrt::StoreRelaxed(&__kyTRELLClientLock, lockProc);

@@ -70,8 +70,7 @@ typedef void (*KyThreadExitProc)(int32_t exitCode);
  * end. When exitCode is not null it receives the thread's exit code. Returns
  * non-zero when the thread has ended, 0 on time-out or failure. The runtime
  * calls it as (handle, 1000, NULL). */
-typedef int (*KyThreadWaitProc)(uint64_t* handle, uint32_t timeoutMilliseconds,
-                                int32_t* exitCode);
+typedef int (*KyThreadWaitProc)(uint64_t* handle, uint32_t timeoutMilliseconds, int32_t* exitCode);
 
 /* A callback the host runs before the process finishes. */
 typedef void (*KyFiniFunction)(int32_t exitCode, void* argument);
@@ -201,8 +200,7 @@ KYRT_API KyThreadWaitProc __KyGetThreadWaitProc(void) KYRT_NOTHROW;
  * held before. */
 KYRT_API int32_t __KyInterlockedCompareExchange(volatile int32_t* target, int32_t exchange,
                                                 int32_t comparand) KYRT_NOTHROW;
-KYRT_API int32_t __KyInterlockedCompareExchangeInternal(volatile int32_t* target,
-                                                        int32_t exchange,
+KYRT_API int32_t __KyInterlockedCompareExchangeInternal(volatile int32_t* target, int32_t exchange,
                                                         int32_t comparand) KYRT_NOTHROW;
 
 /* The same on 64 bits. */
@@ -223,8 +221,7 @@ KYRT_API int32_t __KyInterlockedDecrementInternal(volatile int32_t* target) KYRT
 /* Adds addend to *target atomically. The result is the value of *target read
  * by an ordinary load just before the locked add: under contention it may
  * differ from the value the add replaced. Do not build on the result. */
-KYRT_API int32_t __KyInterlockedExchangeAdd(volatile int32_t* target,
-                                            int32_t addend) KYRT_NOTHROW;
+KYRT_API int32_t __KyInterlockedExchangeAdd(volatile int32_t* target, int32_t addend) KYRT_NOTHROW;
 KYRT_API int32_t __KyInterlockedExchangeAddInternal(volatile int32_t* target,
                                                     int32_t addend) KYRT_NOTHROW;
 

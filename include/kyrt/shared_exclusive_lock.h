@@ -64,8 +64,7 @@ KYRT_API int __KyIsExclusiveLockAcquiredByCallingThread(KySharedExclusiveLock* l
 /* Acquires lock exclusive for tid, raising the writer-waiting flag while it
  * waits for readers and other writers to leave. Re-entry by the owner only
  * raises the recursion count. */
-KYRT_API void __KyAcquireExclusiveLockTid(KySharedExclusiveLock* lock,
-                                          KyThreadId tid) KYRT_NOTHROW;
+KYRT_API void __KyAcquireExclusiveLockTid(KySharedExclusiveLock* lock, KyThreadId tid) KYRT_NOTHROW;
 
 /* __KyAcquireExclusiveLockTid() with the calling thread's native id. */
 KYRT_API void __KyAcquireExclusiveLock(KySharedExclusiveLock* lock) KYRT_NOTHROW;

@@ -50,8 +50,7 @@ KYRT_API void __KyInitializeSpinLock(KySpinLock* lock) KYRT_NOTHROW;
 
 /* Initialises lock as free with the given spin count (polls between yields;
  * 0 or 1 yields on every busy poll). */
-KYRT_API void __KyInitializeSpinLockAndSpinCount(KySpinLock* lock,
-                                                 uint32_t spinCount) KYRT_NOTHROW;
+KYRT_API void __KyInitializeSpinLockAndSpinCount(KySpinLock* lock, uint32_t spinCount) KYRT_NOTHROW;
 
 /* 1 if lock is held by any thread, else 0. A snapshot; thread-safe. */
 KYRT_API int __KyIsSpinLockInAcquiredState(KySpinLock* lock) KYRT_NOTHROW;

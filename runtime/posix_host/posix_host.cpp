@@ -30,9 +30,13 @@ thread_local KyThreadId t_parentThreadId = 0;
 thread_local jmp_buf* t_exitPoint = nullptr;
 thread_local int32_t t_exitCode = 0;
 
-KyThreadId SystemThreadId() { return static_cast<KyThreadId>(syscall(SYS_gettid)); }
+KyThreadId SystemThreadId() {
+  return static_cast<KyThreadId>(syscall(SYS_gettid));
+}
 
-void ForgetThreadIdAfterFork() { t_threadId = 0; }
+void ForgetThreadIdAfterFork() {
+  t_threadId = 0;
+}
 
 struct FiniEntry {
   KyFiniFunction callback;
@@ -83,7 +87,8 @@ void* HelperThreadMain(void* raw) {
 timespec DeadlineAfter(uint32_t milliseconds) {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
-  int64_t nanoseconds = now.tv_nsec + static_cast<int64_t>(milliseconds) * kNanosecondsPerMillisecond;
+  int64_t nanoseconds =
+      now.tv_nsec + static_cast<int64_t>(milliseconds) * kNanosecondsPerMillisecond;
   now.tv_sec += static_cast<time_t>(nanoseconds / kNanosecondsPerSecond);
   now.tv_nsec = static_cast<long>(nanoseconds % kNanosecondsPerSecond);
   return now;
@@ -125,7 +130,9 @@ int KyPosixHostTlsSetValue(KyTlsIndex index, void* value) {
   return pthread_setspecific(static_cast<pthread_key_t>(index), value) == 0;
 }
 
-int32_t KyPosixHostGetPid(void) { return static_cast<int32_t>(getpid()); }
+int32_t KyPosixHostGetPid(void) {
+  return static_cast<int32_t>(getpid());
+}
 
 KyThreadId KyPosixHostThreadCreate(KyThreadFunction function, void* argument, size_t stackSize,
                                    uint64_t* handle) {

@@ -5,6 +5,8 @@ extern "C" int kyrt_c_api_smoke(void);
 
 namespace {
 
-TEST(CApi, EveryCallWorksFromC) { EXPECT_EQ(kyrt_c_api_smoke(), 1); }
+TEST(CApi, EveryCallWorksFromC) {
+  EXPECT_EQ(kyrt_c_api_smoke(), 1);
+}
 
 }  // namespace

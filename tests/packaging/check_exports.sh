@@ -6,8 +6,12 @@ set -euo pipefail
 library=$1
 list=$2
 
-# Defined dynamic symbols; ELF versioning suffixes (@@VER) stripped.
-mapfile -t exported < <(nm -D --defined-only "$library" | awk 'NF >= 3 {print $3}' | sed 's/@.*//' | sort -u)
+# Defined dynamic symbols; ELF versioning suffixes (@@VER) stripped. Symbols
+# that a sanitizer adds to an instrumented build (ODR indicators and the
+# like) are not the library's own and are left out.
+sanitizer_symbols='^(__odr_asan[._]|__asan_|__tsan_|__ubsan_|__sanitizer_)'
+mapfile -t exported < <(nm -D --defined-only "$library" | awk 'NF >= 3 {print $3}' | sed 's/@.*//' \
+  | grep -v -E "$sanitizer_symbols" | sort -u)
 mapfile -t c_names < <(grep -v -E '^\s*(#|$)' "$list" | grep -v -E '^c\+\+ ' | sed 's/\s*$//' | sort -u)
 mapfile -t cxx_prefixes < <(grep -E '^c\+\+ ' "$list" | sed -e 's/^c++ //' -e 's/\s*$//')
 

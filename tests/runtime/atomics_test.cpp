@@ -91,7 +91,9 @@ TEST(BusySleep, RoundCountIsUnitsTimesFiveMillionModuloTwoToThe32) {
   EXPECT_EQ(kyrt::SleepRounds(1718), 65408u);
 }
 
-TEST(BusySleep, ZeroUnitsReturnsAtOnce) { __KySleep(0); }
+TEST(BusySleep, ZeroUnitsReturnsAtOnce) {
+  __KySleep(0);
+}
 
 TEST(BusySleep, WrappedCountRunsItsFewRounds) {
   // 32,704 yields: returns quickly only because the count wraps.

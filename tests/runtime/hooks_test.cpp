@@ -7,30 +7,44 @@
 
 namespace {
 
-KyThreadId CurrentId() { return 101; }
-KyThreadId NativeId() { return 202; }
-KyThreadId ParentId() { return 303; }
-KyTlsIndex AllocSlot() { return 7; }
+KyThreadId CurrentId() {
+  return 101;
+}
+KyThreadId NativeId() {
+  return 202;
+}
+KyThreadId ParentId() {
+  return 303;
+}
+KyTlsIndex AllocSlot() {
+  return 7;
+}
 int g_freedSlot = -1;
 int FreeSlot(KyTlsIndex index) {
   g_freedSlot = static_cast<int>(index);
   return 1;
 }
 void* g_storedValue = nullptr;
-void* GetSlot(KyTlsIndex index) { return index == 7 ? g_storedValue : nullptr; }
+void* GetSlot(KyTlsIndex index) {
+  return index == 7 ? g_storedValue : nullptr;
+}
 int SetSlot(KyTlsIndex index, void* value) {
   if (index != 7) return 0;
   g_storedValue = value;
   return 1;
 }
-int32_t Pid() { return 4242; }
+int32_t Pid() {
+  return 4242;
+}
 
 KyThreadId CreateThread(KyThreadFunction, void*, size_t, uint64_t* handle) {
   *handle = 99;
   return 5;
 }
 void ExitThread(int32_t) {}
-int WaitThread(uint64_t*, uint32_t, int32_t*) { return 1; }
+int WaitThread(uint64_t*, uint32_t, int32_t*) {
+  return 1;
+}
 void AddFini(KyFiniFunction, void*) {}
 
 TEST(Hooks, AllUnsetGiveTheFallbackValues) {

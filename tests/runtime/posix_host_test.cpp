@@ -13,7 +13,9 @@
 
 namespace {
 
-KyThreadId SystemThreadId() { return static_cast<KyThreadId>(syscall(SYS_gettid)); }
+KyThreadId SystemThreadId() {
+  return static_cast<KyThreadId>(syscall(SYS_gettid));
+}
 
 class PosixHost : public ::testing::Test {
  protected:
@@ -57,7 +59,9 @@ TEST_F(PosixHost, ThreadsStartedElsewhereHaveNoKnownParent) {
   EXPECT_EQ(parent, 0u);
 }
 
-TEST_F(PosixHost, ProcessIdIsGetpid) { EXPECT_EQ(__KyGetPid(), getpid()); }
+TEST_F(PosixHost, ProcessIdIsGetpid) {
+  EXPECT_EQ(__KyGetPid(), getpid());
+}
 
 TEST_F(PosixHost, ThreadIdIsRenewedInAForkedChild) {
   const KyThreadId parentId = __KyGetNativeThreadId();
@@ -138,7 +142,9 @@ TEST_F(PosixHost, WaitTimesOutOnARunningThreadAndSucceedsLater) {
   EXPECT_EQ(__KyGetThreadWaitProc()(&handle, 5000, nullptr), 1);
 }
 
-void ReturningBody(void* argument) { *static_cast<std::atomic<int>*>(argument) = 1; }
+void ReturningBody(void* argument) {
+  *static_cast<std::atomic<int>*>(argument) = 1;
+}
 
 TEST_F(PosixHost, AThreadFunctionThatReturnsEndsWithCodeZero) {
   std::atomic<int> ran{0};

@@ -59,7 +59,9 @@ TEST(ProcessorCount, CpuinfoCountsLinesBeginningWithProcessorAnywhere) {
   EXPECT_EQ(CountWith(kMissing, "cpuinfo"), 2);
 }
 
-TEST(ProcessorCount, NeitherFileGivesZero) { EXPECT_EQ(CountWith(kMissing, kMissing), 0); }
+TEST(ProcessorCount, NeitherFileGivesZero) {
+  EXPECT_EQ(CountWith(kMissing, kMissing), 0);
+}
 
 TEST(ProcessorCount, ALineLongerThanTheBufferIsStillOneLine) {
   // A numbered cpu line of 3,000 characters: its tail must not be read as

@@ -15,7 +15,9 @@ namespace {
 using kyrt::SystemInformation;
 using kyrt_test::WriteFile;
 
-void UseMeminfo(const char* path) { kyrt::SetProcPathsForTesting({nullptr, nullptr, path}); }
+void UseMeminfo(const char* path) {
+  kyrt::SetProcPathsForTesting({nullptr, nullptr, path});
+}
 
 void UseMeminfoText(const char* text) {
   WriteFile("meminfo", text);
@@ -34,8 +36,9 @@ TEST(SystemInformation, IsFourWordsInTheDocumentedOrder) {
 }
 
 TEST(SystemInformation, ReadsTotalAndFreeMemoryInKilobytes) {
-  UseMeminfoText("MemTotal:       16318412 kB\nMemFree:         9127844 kB\n"
-                 "MemAvailable:   12000000 kB\n");
+  UseMeminfoText(
+      "MemTotal:       16318412 kB\nMemFree:         9127844 kB\n"
+      "MemAvailable:   12000000 kB\n");
   SystemInformation info;
   EXPECT_EQ(info.totalMemory(), 16318412u);
   EXPECT_EQ(info.freeMemory(), 9127844u);
@@ -64,8 +67,9 @@ TEST(SystemInformation, ReadingStopsAtMemFree) {
 }
 
 TEST(SystemInformation, LinesWithoutANameAndANumberAreSkipped) {
-  UseMeminfoText("garbage\n: 12\nMemTotal: not-a-number\nMemTotal 99\nMemTotal: 42 kB\n"
-                 "MemFree:\nMemFree: 17\n");
+  UseMeminfoText(
+      "garbage\n: 12\nMemTotal: not-a-number\nMemTotal 99\nMemTotal: 42 kB\n"
+      "MemFree:\nMemFree: 17\n");
   SystemInformation info;
   EXPECT_EQ(info.totalMemory(), 42u);
   EXPECT_EQ(info.freeMemory(), 17u);

@@ -232,8 +232,12 @@ TEST_F(SpinLock, ReleaseClearsTheOwnerBeforeFreeingTheState) {
 
 int g_lockCalls = 0;
 int g_unlockCalls = 0;
-void ClientLock() { ++g_lockCalls; }
-void ClientUnlock() { ++g_unlockCalls; }
+void ClientLock() {
+  ++g_lockCalls;
+}
+void ClientUnlock() {
+  ++g_unlockCalls;
+}
 
 TEST(ClientLockProcedures, StartNull) {
   EXPECT_EQ(__kyTRELLClientLock, nullptr);

@@ -35,6 +35,8 @@ TEST(LineReader, StopsWhenTheVisitorSaysSo) {
   EXPECT_EQ(ReadLines("a\nb\nc\n", 2), (std::vector<std::string>{"a", "b"}));
 }
 
-TEST(LineReader, EmptyFileGivesNoLine) { EXPECT_TRUE(ReadLines("").empty()); }
+TEST(LineReader, EmptyFileGivesNoLine) {
+  EXPECT_TRUE(ReadLines("").empty());
+}
 
 }  // namespace
