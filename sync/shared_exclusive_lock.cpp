@@ -34,8 +34,21 @@ volatile int64_t* StateAndReaders(KySharedExclusiveLock* lock) {
   return reinterpret_cast<volatile int64_t*>(&lock->state);
 }
 
-volatile int32_t* Readers(KySharedExclusiveLock* lock) {
-  return reinterpret_cast<volatile int32_t*>(&lock->readerCount);
+// One reader, as the 64-bit pair counts it (the count is the high half).
+constexpr int64_t kPairOneReader = int64_t{1} << 32;
+
+// The reader count is changed through the pair's own address rather than
+// through the 32-bit half: one locked add either way, but then every change
+// of the count and the releasing swap act on one and the same atomic object.
+// A reader's exit is thereby ordered before the swap that frees the lock,
+// whichever reader makes that swap, for the compiler's memory model and for
+// ThreadSanitizer alike (both track atomics per object, not per byte).
+void CountReaderIn(KySharedExclusiveLock* lock) {
+  kyrt::AddAndFetch(StateAndReaders(lock), kPairOneReader);
+}
+
+void CountReaderOut(KySharedExclusiveLock* lock) {
+  kyrt::AddAndFetch(StateAndReaders(lock), -kPairOneReader);
 }
 
 }  // namespace
@@ -63,7 +76,7 @@ void __KyAcquireSharedLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexc
     kyrt::PollBackoff(spinCount).waitWhile(
         [lock] { return kyrt::LoadRelaxed(&lock->writerWaiting) == 1; });
   }
-  __KyInterlockedIncrement(Readers(lock));
+  CountReaderIn(lock);
   // One poll counter for every pass: a writer slipping in between the wait
   // and the swap does not restart the count.
   kyrt::PollBackoff backoff(spinCount);
@@ -84,7 +97,7 @@ void __KyAcquireSharedLock(KySharedExclusiveLock* lock) noexcept {
 
 void __KyReleaseSharedLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexcept {
   if (kyrt::IsOwnedBy(lock, tid)) return;
-  __KyInterlockedDecrement(Readers(lock));
+  CountReaderOut(lock);
   __KyInterlockedCompareExchange64(StateAndReaders(lock), kPairFree, kPairSharedNoReaders);
 }
 
