@@ -11,18 +11,12 @@
 
 set(KYRT_ROOT ${PROJECT_SOURCE_DIR})
 
-set(KYRT_SOURCES
-  ${KYRT_ROOT}/runtime/atomics.cpp
-  ${KYRT_ROOT}/runtime/hooks.cpp
-  ${KYRT_ROOT}/runtime/proc_paths.cpp
-  ${KYRT_ROOT}/runtime/startup.cpp
-  ${KYRT_ROOT}/runtime/system_information.cpp
-  ${KYRT_ROOT}/sync/shared_exclusive_lock.cpp
-  ${KYRT_ROOT}/sync/spin_lock.cpp
-)
-if(KYRT_POSIX_OS_SERVICES)
-  list(APPEND KYRT_SOURCES ${KYRT_ROOT}/util/os_services_posix.cpp)
-endif()
+# Each folder lists its own sources.
+set(KYRT_SOURCES)
+foreach(family runtime sync memory util xml log)
+  include(${KYRT_ROOT}/${family}/sources.cmake)
+endforeach()
+include(${KYRT_ROOT}/runtime/modules_sources.cmake)
 
 add_library(kyrt_objects OBJECT ${KYRT_SOURCES})
 set_target_properties(kyrt_objects PROPERTIES

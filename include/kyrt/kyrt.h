@@ -8,9 +8,15 @@
 #define KYRT_KYRT_H
 
 #include "kyrt/export.h"
+#include "kyrt/files.h"
+#include "kyrt/log.h"
+#include "kyrt/memory.h"
+#include "kyrt/modules.h"
 #include "kyrt/runtime.h"
 #include "kyrt/shared_exclusive_lock.h"
 #include "kyrt/spin_lock.h"
+#include "kyrt/strings.h"
 #include "kyrt/system_information.h"
+#include "kyrt/xml_file.h"
 
 #endif /* KYRT_KYRT_H */

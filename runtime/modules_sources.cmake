@@ -1,0 +1,1 @@
+# Sources of the module table, memory-map scans, back traces and loading.

@@ -1,0 +1,1 @@
+# Tests of the module table, memory-map scans, back traces and loading.
