@@ -3,7 +3,8 @@
 namespace kyrt {
 namespace {
 
-constexpr ProcPaths kRealProcPaths = {"/proc/stat", "/proc/cpuinfo", "/proc/meminfo"};
+constexpr ProcPaths kRealProcPaths = {"/proc/stat", "/proc/cpuinfo", "/proc/meminfo",
+                                      "/proc/self/maps"};
 
 ProcPaths g_procPaths = kRealProcPaths;
 
@@ -21,6 +22,7 @@ void SetProcPathsForTesting(const ProcPaths& paths) {
   g_procPaths.stat = OrDefault(paths.stat, kRealProcPaths.stat);
   g_procPaths.cpuinfo = OrDefault(paths.cpuinfo, kRealProcPaths.cpuinfo);
   g_procPaths.meminfo = OrDefault(paths.meminfo, kRealProcPaths.meminfo);
+  g_procPaths.selfMaps = OrDefault(paths.selfMaps, kRealProcPaths.selfMaps);
 }
 
 }  // namespace kyrt

@@ -9,9 +9,10 @@
 namespace kyrt {
 
 struct ProcPaths {
-  const char* stat;     // processor count
-  const char* cpuinfo;  // processor count when stat cannot be opened
-  const char* meminfo;  // total and free memory
+  const char* stat;      // processor count
+  const char* cpuinfo;   // processor count when stat cannot be opened
+  const char* meminfo;   // total and free memory
+  const char* selfMaps;  // the process's memory map (address ranges, stacks)
 };
 
 const ProcPaths& CurrentProcPaths();

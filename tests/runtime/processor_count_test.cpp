@@ -18,7 +18,7 @@ const char* const kCpuinfoWithThree =
     "processor\t: 0\nmodel name\t: x\n\nprocessor\t: 1\n\nprocessor\t: 2\nflags\t: y\n";
 
 int CountWith(const std::string& stat, const std::string& cpuinfo) {
-  kyrt::SetProcPathsForTesting({stat.c_str(), cpuinfo.c_str(), nullptr});
+  kyrt::SetProcPathsForTesting({stat.c_str(), cpuinfo.c_str(), nullptr, nullptr});
   return __KyGetNProcsInternal();
 }
 
@@ -78,7 +78,7 @@ TEST(ProcessorCount, LastLineWithoutNewLineCounts) {
 }
 
 TEST(ProcessorCount, RealProcStatMatchesTheOnlineProcessors) {
-  kyrt::SetProcPathsForTesting({nullptr, nullptr, nullptr});
+  kyrt::SetProcPathsForTesting({nullptr, nullptr, nullptr, nullptr});
   EXPECT_EQ(__KyGetNProcsInternal(), static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)));
 }
 

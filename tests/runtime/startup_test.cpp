@@ -10,7 +10,7 @@ using kyrt_test::WriteFile;
 
 void UseStatWithCpus(const char* path, const char* content) {
   WriteFile(path, content);
-  kyrt::SetProcPathsForTesting({path, "no-such-file", nullptr});
+  kyrt::SetProcPathsForTesting({path, "no-such-file", nullptr, nullptr});
 }
 
 TEST(Startup, BeforeStartupNothingIsCounted) {
@@ -40,7 +40,7 @@ TEST(Startup, SecondCallNeitherRecountsNorFailsAndReturnsTheSameValue) {
 }
 
 TEST(Startup, UnreadableProcFilesGiveZeroProcessorsButStillStart) {
-  kyrt::SetProcPathsForTesting({"no-such-file", "no-such-file", nullptr});
+  kyrt::SetProcPathsForTesting({"no-such-file", "no-such-file", nullptr, nullptr});
   EXPECT_EQ(__KyRtStartup(), 0x0D0F0008u);
   EXPECT_EQ(__KyGetStarted(), 1);
   EXPECT_EQ(__KyGetNProcs(), 0);

@@ -16,7 +16,7 @@ using kyrt::SystemInformation;
 using kyrt_test::WriteFile;
 
 void UseMeminfo(const char* path) {
-  kyrt::SetProcPathsForTesting({nullptr, nullptr, path});
+  kyrt::SetProcPathsForTesting({nullptr, nullptr, path, nullptr});
 }
 
 void UseMeminfoText(const char* text) {
