@@ -19,7 +19,7 @@ demo: deps
 bench: deps
 	@cmake --preset bench >/dev/null
 	@cmake --build --preset bench
-	@build/bench/bench/sync_bench
+	@build/bench/bench/kyrt_sync_bench
 
 format:
 	@git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format -i

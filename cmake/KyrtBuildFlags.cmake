@@ -1,7 +1,9 @@
 # Flags shared by every target of the project.
 
-# Frame pointers everywhere: the runtime captures call stacks by walking them.
-add_compile_options(-fno-omit-frame-pointer)
+# Frame pointers everywhere: the runtime captures call stacks by walking
+# them. Leaf functions never appear in the middle of a walked chain, so they
+# may go without (the lock fast paths are leaves).
+add_compile_options(-fno-omit-frame-pointer -momit-leaf-frame-pointer)
 
 if(KYRT_SANITIZE)
   if(NOT KYRT_SANITIZE MATCHES "^(address,undefined|undefined,address|address|undefined|thread)$")

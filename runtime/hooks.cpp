@@ -48,7 +48,7 @@ KyThreadId __KyGetCurrentThreadId(void) noexcept {
 }
 
 KyThreadId __KyGetNativeThreadId(void) noexcept {
-  return ThreadIdFrom(&__kyGetNativeThreadIdProc);
+  return kyrt::CurrentNativeThreadId();
 }
 
 KyThreadId __KyGetNativeParentThreadId(void) noexcept {

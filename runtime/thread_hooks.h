@@ -5,8 +5,17 @@
 #define KYRT_RUNTIME_THREAD_HOOKS_H
 
 #include "kyrt/runtime.h"
+#include "runtime/atomic_ops.h"
 
 namespace kyrt {
+
+// The calling thread's native id, as __KyGetNativeThreadId() gives it, for
+// the runtime's own hot paths: the hook is read and called in place rather
+// than through the exported entry.
+inline KyThreadId CurrentNativeThreadId() {
+  KyGetThreadIdProc proc = LoadRelaxed(&__kyGetNativeThreadIdProc);
+  return proc ? proc() : 0;
+}
 
 KyThreadExitProc ThreadExitHook();
 KyAddFiniProc AddFiniHook();

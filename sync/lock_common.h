@@ -68,7 +68,8 @@ class PollBackoff {
 // yield. onBusy runs on every busy poll before the wait rule (the writer of a
 // shared-exclusive lock raises its flag there).
 template <typename OnBusy>
-void AcquireStateWord(uint32_t* state, uint32_t takenValue, uint32_t spinCount, OnBusy onBusy) {
+__attribute__((noinline)) void AcquireStateWord(uint32_t* state, uint32_t takenValue,
+                                                uint32_t spinCount, OnBusy onBusy) {
   PollBackoff backoff(spinCount);
   for (;;) {
     if (LoadRelaxed(state) != kLockStateFree) {

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 
+#include "runtime/thread_hooks.h"
 #include "sync/lock_common.h"
 
 static_assert(sizeof(KySharedExclusiveLock) == 32 && alignof(KySharedExclusiveLock) == 8,
@@ -51,6 +52,47 @@ void CountReaderOut(KySharedExclusiveLock* lock) {
   kyrt::AddAndFetch(StateAndReaders(lock), -kPairOneReader);
 }
 
+int64_t LoadPair(KySharedExclusiveLock* lock) {
+  return kyrt::LoadRelaxed(StateAndReaders(lock));
+}
+
+uint32_t StateOf(int64_t pair) {
+  return static_cast<uint32_t>(pair);
+}
+
+// The caller's id as the shared paths' owner test needs it. Only an
+// exclusive lock has an owner (it is recorded after the state becomes
+// exclusive and cleared before it stops being so), so while the lock is not
+// exclusive the test can only match the empty id 0, which the caller has
+// exactly when no id hook is set. The hook is therefore asked only when the
+// lock is exclusive; otherwise an id that matches no owner stands in for it
+// (hooks give live threads non-zero ids).
+KyThreadId CallerIdForOwnerTest(KySharedExclusiveLock* lock) {
+  if (kyrt::LoadRelaxed(&lock->state) == kExclusive) return kyrt::CurrentNativeThreadId();
+  return kyrt::LoadRelaxed(&__kyGetNativeThreadIdProc) == nullptr ? 0 : KY_INVALID_THREAD_ID;
+}
+
+// The common case of a shared acquire in one swap of the pair: counting the
+// reader in and entering a free or shared lock at once. It is what the
+// two-step path (count in, then swap the state) does when nothing happens in
+// between; when anything does, the two-step path takes over.
+bool TryEnterSharedAtOnce(KySharedExclusiveLock* lock) {
+  const int64_t pair = LoadPair(lock);
+  if (StateOf(pair) == kExclusive) return false;
+  const int64_t entered = ((pair & ~int64_t{0xFFFFFFFF}) + kPairOneReader) | kShared;
+  return kyrt::CompareExchange(StateAndReaders(lock), entered, pair) == pair;
+}
+
+// The last reader's release in one swap: (shared, one reader) to free. Any
+// other pair goes the two-step way (count out, then swap (shared, none) to
+// free).
+bool TryLeaveAsLastReaderAtOnce(KySharedExclusiveLock* lock) {
+  constexpr int64_t kSharedOneReader = kPairOneReader | kShared;
+  return LoadPair(lock) == kSharedOneReader &&
+         kyrt::CompareExchange(StateAndReaders(lock), kPairFree, kSharedOneReader) ==
+             kSharedOneReader;
+}
+
 }  // namespace
 
 extern "C" {
@@ -76,6 +118,7 @@ void __KyAcquireSharedLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexc
     kyrt::PollBackoff(spinCount).waitWhile(
         [lock] { return kyrt::LoadRelaxed(&lock->writerWaiting) == 1; });
   }
+  if (TryEnterSharedAtOnce(lock)) return;
   CountReaderIn(lock);
   // One poll counter for every pass: a writer slipping in between the wait
   // and the swap does not restart the count.
@@ -92,22 +135,23 @@ void __KyAcquireSharedLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexc
 }
 
 void __KyAcquireSharedLock(KySharedExclusiveLock* lock) noexcept {
-  __KyAcquireSharedLockTid(lock, __KyGetNativeThreadId());
+  __KyAcquireSharedLockTid(lock, CallerIdForOwnerTest(lock));
 }
 
 void __KyReleaseSharedLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexcept {
   if (kyrt::IsOwnedBy(lock, tid)) return;
+  if (TryLeaveAsLastReaderAtOnce(lock)) return;
   CountReaderOut(lock);
-  __KyInterlockedCompareExchange64(StateAndReaders(lock), kPairFree, kPairSharedNoReaders);
+  kyrt::CompareExchange(StateAndReaders(lock), kPairFree, kPairSharedNoReaders);
 }
 
 void __KyReleaseSharedLock(KySharedExclusiveLock* lock) noexcept {
-  __KyReleaseSharedLockTid(lock, __KyGetNativeThreadId());
+  __KyReleaseSharedLockTid(lock, CallerIdForOwnerTest(lock));
 }
 
 int __KyIsExclusiveLockAcquiredByCallingThread(KySharedExclusiveLock* lock) noexcept {
   return kyrt::LoadRelaxed(&lock->state) == kExclusive &&
-         kyrt::IsOwnedBy(lock, __KyGetNativeThreadId());
+         kyrt::IsOwnedBy(lock, kyrt::CurrentNativeThreadId());
 }
 
 void __KyAcquireExclusiveLockTid(KySharedExclusiveLock* lock, KyThreadId tid) noexcept {
@@ -115,10 +159,15 @@ void __KyAcquireExclusiveLockTid(KySharedExclusiveLock* lock, KyThreadId tid) no
     kyrt::CountReentry(lock);
     return;
   }
-  kyrt::AcquireStateWord(&lock->state, kExclusive, kyrt::LoadRelaxed(&lock->spinCount), [lock] {
-    // Keep new readers out while we wait (a plain store: best effort).
-    if (kyrt::LoadRelaxed(&lock->writerWaiting) == 0) kyrt::StoreRelaxed(&lock->writerWaiting, 1u);
-  });
+  if (kyrt::LoadRelaxed(&lock->state) != kyrt::kLockStateFree ||
+      !kyrt::TrySwapState(&lock->state, kExclusive)) {
+    kyrt::AcquireStateWord(&lock->state, kExclusive, kyrt::LoadRelaxed(&lock->spinCount), [lock] {
+      // Keep new readers out while we wait (a plain store: best effort).
+      if (kyrt::LoadRelaxed(&lock->writerWaiting) == 0) {
+        kyrt::StoreRelaxed(&lock->writerWaiting, 1u);
+      }
+    });
+  }
   // Cleared even if other writers still wait: each raises it again on its
   // next busy poll.
   kyrt::StoreRelaxed(&lock->writerWaiting, 0u);
@@ -126,11 +175,11 @@ void __KyAcquireExclusiveLockTid(KySharedExclusiveLock* lock, KyThreadId tid) no
 }
 
 void __KyAcquireExclusiveLock(KySharedExclusiveLock* lock) noexcept {
-  __KyAcquireExclusiveLockTid(lock, __KyGetNativeThreadId());
+  __KyAcquireExclusiveLockTid(lock, kyrt::CurrentNativeThreadId());
 }
 
 int __KyTryToAcquireExclusiveLock(KySharedExclusiveLock* lock, uint32_t attempts) noexcept {
-  const KyThreadId tid = __KyGetNativeThreadId();
+  const KyThreadId tid = kyrt::CurrentNativeThreadId();
   if (kyrt::IsOwnedBy(lock, tid)) {
     kyrt::CountReentry(lock);
     return 1;

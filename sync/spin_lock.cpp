@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "runtime/thread_hooks.h"
 #include "sync/lock_common.h"
 
 static_assert(sizeof(KySpinLock) == 24 && alignof(KySpinLock) == 8, "KySpinLock layout");
@@ -40,7 +41,8 @@ int __KyIsSpinLockInAcquiredState(KySpinLock* lock) noexcept {
 }
 
 int __KyIsSpinLockAcquiredByCallingThread(KySpinLock* lock) noexcept {
-  return __KyIsSpinLockInAcquiredState(lock) && kyrt::IsOwnedBy(lock, __KyGetNativeThreadId());
+  return __KyIsSpinLockInAcquiredState(lock) &&
+         kyrt::IsOwnedBy(lock, kyrt::CurrentNativeThreadId());
 }
 
 void __KyAcquireSpinLockTid(KySpinLock* lock, KyThreadId tid) noexcept {
@@ -48,13 +50,17 @@ void __KyAcquireSpinLockTid(KySpinLock* lock, KyThreadId tid) noexcept {
     kyrt::CountReentry(lock);
     return;
   }
-  kyrt::AcquireStateWord(&lock->state, kSpinLockHeld, kyrt::LoadRelaxed(&lock->spinCount),
-                         NoBusyAction);
+  // The uncontended case, one read and one swap, stays out of the wait loop.
+  if (kyrt::LoadRelaxed(&lock->state) != kyrt::kLockStateFree ||
+      !kyrt::TrySwapState(&lock->state, kSpinLockHeld)) {
+    kyrt::AcquireStateWord(&lock->state, kSpinLockHeld, kyrt::LoadRelaxed(&lock->spinCount),
+                           NoBusyAction);
+  }
   kyrt::RecordOwner(lock, tid);
 }
 
 void __KyAcquireSpinLock(KySpinLock* lock) noexcept {
-  __KyAcquireSpinLockTid(lock, __KyGetNativeThreadId());
+  __KyAcquireSpinLockTid(lock, kyrt::CurrentNativeThreadId());
 }
 
 int __KyTryToAcquireSpinLockTid(KySpinLock* lock, uint32_t attempts, KyThreadId tid) noexcept {
@@ -68,7 +74,7 @@ int __KyTryToAcquireSpinLockTid(KySpinLock* lock, uint32_t attempts, KyThreadId 
 }
 
 int __KyTryToAcquireSpinLock(KySpinLock* lock, uint32_t attempts) noexcept {
-  return __KyTryToAcquireSpinLockTid(lock, attempts, __KyGetNativeThreadId());
+  return __KyTryToAcquireSpinLockTid(lock, attempts, kyrt::CurrentNativeThreadId());
 }
 
 void __KyReleaseSpinLock(KySpinLock* lock) noexcept {
