@@ -47,7 +47,9 @@ target_link_libraries(kyrt PRIVATE Threads::Threads ${CMAKE_DL_LIBS})
 # Calls between the library's own functions bind inside the library: the
 # lock paths call each other directly rather than through the procedure
 # linkage table. Tools cannot interpose the runtime's functions.
-target_link_options(kyrt PRIVATE -Wl,-Bsymbolic-functions)
+target_link_options(kyrt PRIVATE -Wl,-Bsymbolic-functions
+  -Wl,--version-script=${KYRT_ROOT}/cmake/kyrt.map)
+set_property(TARGET kyrt APPEND PROPERTY LINK_DEPENDS ${KYRT_ROOT}/cmake/kyrt.map)
 if(KYRT_POSIX_OS_SERVICES AND NOT KYRT_SANITIZE)
   # Everything the library needs is defined inside it or in its
   # dependencies; a host framework build leaves the directory services open.

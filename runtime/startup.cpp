@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "kyrt/log.h"
 #include "kyrt/runtime.h"
 #include "runtime/atomic_ops.h"
 #include "runtime/proc_paths.h"
@@ -80,6 +81,7 @@ uint32_t __KyRtStartup(void) noexcept {
   TakeStartupGuard();
   if (kyrt::LoadRelaxed(&__kyRtStarted) == 0) {
     kyrt::StoreRelaxed(&__kyNumberOfProcessors, __KyGetNProcsInternal());
+    __KyRegisterInternalKYRTLogMessages();
     kyrt::StoreRelease(&__kyRtStarted, 1);
   }
   ReleaseStartupGuard();

@@ -12,6 +12,7 @@ packages=(
   binutils          # nm, readelf, c++filt for the export checks
   clang-format      # the formatting check
   googletest        # GoogleTest sources, built with the project's flags
+  libxml2-dev       # the tests parse the finished log with a real XML parser
   libbenchmark-dev  # Google Benchmark
 )
 

@@ -5,6 +5,7 @@
 
 #include "runtime/thread_hooks.h"
 #include "sync/lock_common.h"
+#include "sync/spin_lock_inline.h"
 
 static_assert(sizeof(KySpinLock) == 24 && alignof(KySpinLock) == 8, "KySpinLock layout");
 static_assert(offsetof(KySpinLock, ownerThreadId) == 0, "KySpinLock owner");
@@ -12,13 +13,15 @@ static_assert(offsetof(KySpinLock, state) == 8, "KySpinLock state");
 static_assert(offsetof(KySpinLock, recursionCount) == 12, "KySpinLock recursion count");
 static_assert(offsetof(KySpinLock, spinCount) == 16, "KySpinLock spin count");
 
-namespace {
+namespace kyrt {
 
-constexpr uint32_t kSpinLockHeld = 1;
+void WaitAndTakeSpinLock(KySpinLock* lock) {
+  AcquireStateWord(&lock->state, kSpinLockHeld, LoadRelaxed(&lock->spinCount), [] {});
+}
 
-void NoBusyAction() {}
+}  // namespace kyrt
 
-}  // namespace
+using kyrt::kSpinLockHeld;
 
 extern "C" {
 
@@ -46,17 +49,7 @@ int __KyIsSpinLockAcquiredByCallingThread(KySpinLock* lock) noexcept {
 }
 
 void __KyAcquireSpinLockTid(KySpinLock* lock, KyThreadId tid) noexcept {
-  if (kyrt::IsOwnedBy(lock, tid)) {
-    kyrt::CountReentry(lock);
-    return;
-  }
-  // The uncontended case, one read and one swap, stays out of the wait loop.
-  if (kyrt::LoadRelaxed(&lock->state) != kyrt::kLockStateFree ||
-      !kyrt::TrySwapState(&lock->state, kSpinLockHeld)) {
-    kyrt::AcquireStateWord(&lock->state, kSpinLockHeld, kyrt::LoadRelaxed(&lock->spinCount),
-                           NoBusyAction);
-  }
-  kyrt::RecordOwner(lock, tid);
+  kyrt::AcquireSpinLockTid(lock, tid);
 }
 
 void __KyAcquireSpinLock(KySpinLock* lock) noexcept {
@@ -78,7 +71,7 @@ int __KyTryToAcquireSpinLock(KySpinLock* lock, uint32_t attempts) noexcept {
 }
 
 void __KyReleaseSpinLock(KySpinLock* lock) noexcept {
-  kyrt::ReleaseRecursive(lock, kSpinLockHeld);
+  kyrt::ReleaseSpinLock(lock);
 }
 
 void __KySetTrellClientLockProc(KyClientLockProc lockProc, KyClientLockProc unlockProc) noexcept {
