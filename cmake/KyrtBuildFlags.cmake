@@ -13,6 +13,14 @@ if(KYRT_SANITIZE)
   add_link_options(-fsanitize=${KYRT_SANITIZE} -fno-sanitize-recover=all)
 endif()
 
+# Fuzzing: every object is instrumented for the fuzzer's coverage and for
+# AddressSanitizer and UndefinedBehaviorSanitizer; the fuzz targets link the
+# fuzzer's main.
+if(KYRT_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
 # Warnings are errors for the project's own code (not for third-party code
 # built alongside, such as GoogleTest).
 # Under the sanitizers GCC's flow analysis reports "maybe uninitialized"

@@ -11,12 +11,17 @@
 
 set(KYRT_ROOT ${PROJECT_SOURCE_DIR})
 
-# Each folder lists its own sources.
+# Each family lists its own sources in <folder>/<...>sources.cmake.
 set(KYRT_SOURCES)
-foreach(family runtime sync memory util xml log)
-  include(${KYRT_ROOT}/${family}/sources.cmake)
+file(GLOB KYRT_SOURCE_LISTS CONFIGURE_DEPENDS
+  ${KYRT_ROOT}/runtime/*sources.cmake ${KYRT_ROOT}/sync/*sources.cmake
+  ${KYRT_ROOT}/memory/*sources.cmake ${KYRT_ROOT}/util/*sources.cmake
+  ${KYRT_ROOT}/xml/*sources.cmake ${KYRT_ROOT}/log/*sources.cmake
+  ${KYRT_ROOT}/options/*sources.cmake ${KYRT_ROOT}/containers/*sources.cmake
+  ${KYRT_ROOT}/collector/*sources.cmake ${KYRT_ROOT}/zca/*sources.cmake)
+foreach(source_list ${KYRT_SOURCE_LISTS})
+  include(${source_list})
 endforeach()
-include(${KYRT_ROOT}/runtime/modules_sources.cmake)
 
 add_library(kyrt_objects OBJECT ${KYRT_SOURCES})
 set_target_properties(kyrt_objects PROPERTIES
@@ -50,7 +55,7 @@ target_link_libraries(kyrt PRIVATE Threads::Threads ${CMAKE_DL_LIBS})
 target_link_options(kyrt PRIVATE -Wl,-Bsymbolic-functions
   -Wl,--version-script=${KYRT_ROOT}/cmake/kyrt.map)
 set_property(TARGET kyrt APPEND PROPERTY LINK_DEPENDS ${KYRT_ROOT}/cmake/kyrt.map)
-if(KYRT_POSIX_OS_SERVICES AND NOT KYRT_SANITIZE)
+if(KYRT_POSIX_OS_SERVICES AND NOT KYRT_SANITIZE AND NOT KYRT_FUZZ)
   # Everything the library needs is defined inside it or in its
   # dependencies; a host framework build leaves the directory services open.
   target_link_options(kyrt PRIVATE -Wl,--no-undefined)

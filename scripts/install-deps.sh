@@ -14,6 +14,14 @@ packages=(
   googletest        # GoogleTest sources, built with the project's flags
   libxml2-dev       # the tests parse the finished log with a real XML parser
   libbenchmark-dev  # Google Benchmark
+  clang             # the fuzz targets (libFuzzer) ...
+  libclang-rt-14-dev  # ... and its runtime
+  libboost-dev      # Boost.CRC
+  libelf-dev        # reading ELF modules (kyrt-zca)
+  zlib1g-dev        # benchmark peer: zlib's crc32
+  libjemalloc-dev   # benchmark peer
+  libmimalloc-dev   # benchmark peer
+  libtbb-dev        # benchmark peer: concurrent containers
 )
 
 missing=()

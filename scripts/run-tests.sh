@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite three times: normally, under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and (the concurrency cases)
-# under ThreadSanitizer. Ends with one summary line per stage and fails if
-# any stage failed.
+# under ThreadSanitizer; then runs every fuzz target for a bounded time
+# (scripts/run-fuzzers.sh). Ends with one summary line per stage and fails
+# if any stage failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,9 +28,17 @@ for stage in "${stages[@]}"; do
   ((result == 0)) || status=1
 done
 
+echo "==== fuzz: bounded runs"
+if scripts/run-fuzzers.sh 2>&1 | tee build/fuzz.log; then
+  summary[fuzz]="$(grep -c '^==== fuzz ' build/fuzz.log) targets ran clean"
+else
+  summary[fuzz]="FAILED (see above)"
+  status=1
+fi
+
 echo
 echo "==== KYRT test summary"
-for stage in "${stages[@]}"; do
+for stage in "${stages[@]}" fuzz; do
   printf '%-8s %s\n' "$stage" "${summary[$stage]}"
 done
 if ((status == 0)); then echo "all stages passed"; else echo "SOME STAGES FAILED"; fi

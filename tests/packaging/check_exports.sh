@@ -1,10 +1,17 @@
 #!/usr/bin/env bash
 # Compares the dynamic symbol table of libkyrt.so with the checked-in export
-# list: every listed name must be exported, and nothing else may be.
-# Usage: check_exports.sh LIBRARY EXPORT_LIST
+# lists (every *.txt file of a folder, or one file): every listed name must
+# be exported, and nothing else may be.
+# Usage: check_exports.sh LIBRARY EXPORT_LIST_FOLDER_OR_FILE
 set -euo pipefail
 library=$1
-list=$2
+if [[ -d $2 ]]; then
+  list=$(mktemp)
+  trap 'rm -f "$list"' EXIT
+  cat "$2"/*.txt >"$list"
+else
+  list=$2
+fi
 
 # Defined dynamic symbols; ELF versioning suffixes (@@VER) stripped. Symbols
 # that a sanitizer adds to an instrumented build (ODR indicators and the
