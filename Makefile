@@ -19,7 +19,7 @@ demo: deps
 bench: deps
 	@cmake --preset bench >/dev/null
 	@cmake --build --preset bench
-	@build/bench/bench/kyrt_sync_bench
+	@for suite in build/bench/bench/kyrt_*_bench; do echo "==== $$suite"; $$suite || exit 1; done
 
 format:
 	@git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format -i
