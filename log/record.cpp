@@ -16,7 +16,9 @@
 
 #include "kyrt/files.h"
 #include "kyrt/log.h"
+#include "kyrt/runtime.h"
 #include "log/log_internal.h"
+#include "runtime/atomic_ops.h"
 
 namespace {
 
@@ -40,8 +42,7 @@ const char* SeverityName(int32_t severity) {
 
 // The C library's asctime form of the local time, trailing white space
 // removed (the first character always stays).
-void FormatTimestamp(char (&buffer)[kTimestampSize]) {
-  const std::time_t now = std::time(nullptr);
+void FormatLocalTime(std::time_t now, char (&buffer)[kTimestampSize]) {
   std::tm local;
   buffer[0] = '\0';
   if (localtime_r(&now, &local) == nullptr || asctime_r(&local, buffer) == nullptr) return;
@@ -49,6 +50,32 @@ void FormatTimestamp(char (&buffer)[kTimestampSize]) {
   while (length > 1 && std::isspace(static_cast<unsigned char>(buffer[length - 1]))) {
     buffer[--length] = '\0';
   }
+}
+
+// The text changes once a second while formatting it (time zone lookup,
+// asctime) costs a good part of a record, so the last second's text is
+// kept. The cache is shared by all threads behind a try-only guard: a
+// thread that finds it busy formats the time itself rather than wait.
+struct TimestampCache {
+  int32_t guard;
+  std::time_t second;
+  char text[kTimestampSize];
+};
+
+TimestampCache g_timestampCache = {0, -1, {}};
+
+void FormatTimestamp(char (&buffer)[kTimestampSize]) {
+  const std::time_t now = std::time(nullptr);
+  if (__KyInterlockedCompareExchange(&g_timestampCache.guard, 1, 0) != 0) {
+    FormatLocalTime(now, buffer);
+    return;
+  }
+  if (g_timestampCache.second != now) {
+    FormatLocalTime(now, g_timestampCache.text);
+    g_timestampCache.second = now;
+  }
+  std::memcpy(buffer, g_timestampCache.text, sizeof buffer);
+  kyrt::StoreRelease(&g_timestampCache.guard, 0);
 }
 
 bool IsKnownTag(uint32_t tag) {
