@@ -28,9 +28,12 @@
 #include "memory/memory_test_support.h"
 #include "memory/slabs.h"
 #include "memory/sub_allocator.h"
+#include "support/thread_harness.h"
 
 namespace kyrt_test {
 namespace {
+
+using kyrt_test::RunConcurrently;
 
 #if defined(__SANITIZE_THREAD__)
 constexpr int kRounds = 20000;  // ThreadSanitizer runs 5-15 times slower
@@ -43,23 +46,6 @@ constexpr int kSlotsPerThread = 64;
 
 // Sizes from one unit to the largest small class, and one large size.
 constexpr uint64_t kSizes[] = {0, 8, 24, 100, 1000, 4000, 32728, 40000};
-
-template <typename Body>
-void RunConcurrently(int threads, Body body) {
-  std::atomic<int> ready{0};
-  std::atomic<bool> go{false};
-  std::vector<std::thread> pool;
-  for (int index = 0; index < threads; ++index) {
-    pool.emplace_back([&ready, &go, &body, index] {
-      ready.fetch_add(1);
-      while (!go.load()) std::this_thread::yield();
-      body(index);
-    });
-  }
-  while (ready.load() != threads) std::this_thread::yield();
-  go.store(true);
-  for (std::thread& thread : pool) thread.join();
-}
 
 // A small, fast, per-thread pseudo-random sequence.
 class Sequence {

@@ -12,9 +12,12 @@
 #include "gtest/gtest.h"
 #include "kyrt/modules.h"
 #include "runtime/modules_test_support.h"
+#include "support/thread_harness.h"
 #include "sync/lock_test_support.h"
 
 namespace {
+
+using kyrt_test::RunConcurrently;
 
 using kyrt_test::AddressOf;
 
@@ -70,22 +73,6 @@ TEST_F(MemoryMapConcurrencyTest, ASecondScanWaitsUntilTheFirstHasFinished) {
   EXPECT_EQ(first.end, 0x2000u);
   EXPECT_EQ(second.start, 0x1000u);
   EXPECT_EQ(second.end, 0x3000u);
-}
-
-// Starts `threads` threads running body(index), releases them together and
-// joins them.
-template <typename Body>
-void RunConcurrently(int threads, Body body) {
-  std::atomic<int> ready{0};
-  std::vector<std::thread> workers;
-  for (int index = 0; index < threads; ++index) {
-    workers.emplace_back([&ready, &body, threads, index] {
-      ready.fetch_add(1);
-      while (ready.load() < threads) std::this_thread::yield();
-      body(index);
-    });
-  }
-  for (std::thread& worker : workers) worker.join();
 }
 
 int g_staticData = 1;

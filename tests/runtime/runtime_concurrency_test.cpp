@@ -16,8 +16,12 @@
 #include "gtest/gtest.h"
 #include "kyrt/posix_host.h"
 #include "kyrt/runtime.h"
+#include "support/thread_harness.h"
 
 namespace {
+
+using kyrt_test::Peek;
+using kyrt_test::RunConcurrently;
 
 #if defined(__SANITIZE_THREAD__)
 constexpr int kIterations = 50000;  // ThreadSanitizer runs 5-15 times slower
@@ -26,32 +30,6 @@ constexpr int kIterations = 200000;
 #endif
 
 constexpr int kThreads = 8;
-
-// Reads a word the runtime updates atomically, without racing with it.
-template <typename T>
-T Peek(const volatile T& word) {
-  return __atomic_load_n(&word, __ATOMIC_RELAXED);
-}
-
-// Starts `threads` threads running body(index), releases them together and
-// joins them.
-template <typename Body>
-void RunConcurrently(int threads, Body body) {
-  std::atomic<int> ready{0};
-  std::atomic<bool> go{false};
-  std::vector<std::thread> pool;
-  pool.reserve(static_cast<size_t>(threads));
-  for (int index = 0; index < threads; ++index) {
-    pool.emplace_back([&ready, &go, &body, index] {
-      ready.fetch_add(1);
-      while (!go.load()) std::this_thread::yield();
-      body(index);
-    });
-  }
-  while (ready.load() != threads) std::this_thread::yield();
-  go.store(true);
-  for (std::thread& thread : pool) thread.join();
-}
 
 // Checks that `values` holds each of first, first+1, ..., first+count-1
 // exactly once.

@@ -23,8 +23,13 @@
 #include "kyrt/posix_host.h"
 #include "kyrt/runtime.h"
 #include "kyrt/shared_exclusive_lock.h"
+#include "support/thread_harness.h"
 
 namespace {
+
+using kyrt_test::Peek;
+using kyrt_test::RunConcurrently;
+using kyrt_test::YieldUntil;
 
 #if defined(__SANITIZE_THREAD__)
 constexpr int kIterations = 12000;  // ThreadSanitizer runs 5-15 times slower
@@ -51,38 +56,6 @@ constexpr KyThreadId kFakeTidBase = 0x70000000u;
 constexpr uint32_t kStateFree = 0;
 constexpr uint32_t kStateShared = 1;
 constexpr uint32_t kStateExclusive = 2;
-
-// Reads a lock field as the runtime writes it (a relaxed atomic access), so
-// that looking at a lock in use is not itself a data race.
-template <typename T>
-T Peek(const T& field) {
-  return __atomic_load_n(&field, __ATOMIC_RELAXED);
-}
-
-template <typename Predicate>
-void YieldUntil(Predicate done) {
-  while (!done()) std::this_thread::yield();
-}
-
-// Starts `threads` threads running body(index), releases them together and
-// joins them.
-template <typename Body>
-void RunConcurrently(int threads, Body body) {
-  std::atomic<int> ready{0};
-  std::atomic<bool> go{false};
-  std::vector<std::thread> pool;
-  pool.reserve(static_cast<size_t>(threads));
-  for (int index = 0; index < threads; ++index) {
-    pool.emplace_back([&ready, &go, &body, index] {
-      ready.fetch_add(1);
-      while (!go.load()) std::this_thread::yield();
-      body(index);
-    });
-  }
-  while (ready.load() != threads) std::this_thread::yield();
-  go.store(true);
-  for (std::thread& thread : pool) thread.join();
-}
 
 // Makes readers and writers really meet at the lock. Left to the scheduler,
 // a small machine runs the threads mostly one after another, each finishing

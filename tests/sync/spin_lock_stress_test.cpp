@@ -18,8 +18,13 @@
 #include "kyrt/posix_host.h"
 #include "kyrt/runtime.h"
 #include "kyrt/spin_lock.h"
+#include "support/thread_harness.h"
 
 namespace {
+
+using kyrt_test::Peek;
+using kyrt_test::RunConcurrently;
+using kyrt_test::YieldUntil;
 
 #if defined(__SANITIZE_THREAD__)
 constexpr int kIterations = 25000;  // ThreadSanitizer runs 5-15 times slower
@@ -44,39 +49,6 @@ constexpr int kObservationYields = 2000;
 // (Linux thread ids stay below 2^22), so that they can never collide with
 // the native id of a thread that uses the plain entry points.
 constexpr KyThreadId kFakeTidBase = 0x70000000u;
-
-// Reads a lock field the way the runtime writes it (a relaxed atomic
-// access), so that looking at a lock another thread uses is not itself a
-// data race.
-template <typename T>
-T Peek(const T& field) {
-  return __atomic_load_n(&field, __ATOMIC_RELAXED);
-}
-
-template <typename Predicate>
-void YieldUntil(Predicate done) {
-  while (!done()) std::this_thread::yield();
-}
-
-// Starts `threads` threads running body(index), releases them together once
-// all are running, and joins them.
-template <typename Body>
-void RunConcurrently(int threads, Body body) {
-  std::atomic<int> ready{0};
-  std::atomic<bool> go{false};
-  std::vector<std::thread> pool;
-  pool.reserve(static_cast<size_t>(threads));
-  for (int index = 0; index < threads; ++index) {
-    pool.emplace_back([&ready, &go, &body, index] {
-      ready.fetch_add(1);
-      while (!go.load()) std::this_thread::yield();
-      body(index);
-    });
-  }
-  while (ready.load() != threads) std::this_thread::yield();
-  go.store(true);
-  for (std::thread& thread : pool) thread.join();
-}
 
 // Makes the threads of a case really meet at the lock. Left to the
 // scheduler, a small machine runs them mostly one after another, each
