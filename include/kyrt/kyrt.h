@@ -13,10 +13,12 @@
 #include "kyrt/memory.h"
 #include "kyrt/modules.h"
 #include "kyrt/runtime.h"
+#include "kyrt/sets.h"
 #include "kyrt/shared_exclusive_lock.h"
 #include "kyrt/spin_lock.h"
 #include "kyrt/strings.h"
 #include "kyrt/system_information.h"
+#include "kyrt/vectors.h"
 #include "kyrt/xml_file.h"
 
 #endif /* KYRT_KYRT_H */
