@@ -7,6 +7,7 @@
 #ifndef KYRT_KYRT_H
 #define KYRT_KYRT_H
 
+#include "kyrt/debug_dump.h"
 #include "kyrt/export.h"
 #include "kyrt/files.h"
 #include "kyrt/log.h"
@@ -20,5 +21,6 @@
 #include "kyrt/system_information.h"
 #include "kyrt/vectors.h"
 #include "kyrt/xml_file.h"
+#include "kyrt/xml_writer.h"
 
 #endif /* KYRT_KYRT_H */
