@@ -13,6 +13,7 @@
 #include "kyrt/log.h"
 #include "kyrt/memory.h"
 #include "kyrt/modules.h"
+#include "kyrt/options.h"
 #include "kyrt/runtime.h"
 #include "kyrt/sets.h"
 #include "kyrt/shared_exclusive_lock.h"
