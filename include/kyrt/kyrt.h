@@ -14,6 +14,8 @@
 #include "kyrt/memory.h"
 #include "kyrt/modules.h"
 #include "kyrt/options.h"
+#include "kyrt/queue.h"
+#include "kyrt/red_black_tree.h"
 #include "kyrt/runtime.h"
 #include "kyrt/sets.h"
 #include "kyrt/shared_exclusive_lock.h"
