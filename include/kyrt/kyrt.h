@@ -7,6 +7,7 @@
 #ifndef KYRT_KYRT_H
 #define KYRT_KYRT_H
 
+#include "kyrt/command_handler.h"
 #include "kyrt/debug_dump.h"
 #include "kyrt/export.h"
 #include "kyrt/files.h"

@@ -17,9 +17,11 @@
  *   - TLS slots on pthread keys;
  *   - the process id from getpid();
  *   - the helper-thread hooks on pthreads: create (fills the 64-bit handle
- *     with the pthread_t and returns the new thread's native id), exit, wait
- *     with a time-out in milliseconds, and add-fini callbacks that run at
- *     process exit in reverse order of registration.
+ *     with the pthread_t and returns the new thread's native id; the thread
+ *     starts with every signal blocked, so the application's signals never
+ *     interrupt it), exit, wait with a time-out in milliseconds, and add-fini
+ *     callbacks that run at process exit in reverse order of registration,
+ *     each only in the process that registered it (not in forked children).
  */
 #ifndef KYRT_POSIX_HOST_H
 #define KYRT_POSIX_HOST_H

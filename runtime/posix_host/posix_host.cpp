@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <setjmp.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -45,9 +46,14 @@ void ForgetThreadIdAfterFork() {
   t_threadId = 0;
 }
 
+// A callback belongs to the process that registered it: it stops that
+// process's helper threads and removes its channels. A forked child inherits
+// the table (and the atexit registration) but not those threads, so at its
+// exit it runs only the callbacks it registered itself.
 struct FiniEntry {
   KyFiniFunction callback;
   void* argument;
+  pid_t owner;
 };
 
 FiniEntry g_finiEntries[KY_POSIX_HOST_MAX_FINI_CALLBACKS];
@@ -60,7 +66,10 @@ void RunFiniCallbacks() {
   int count = g_finiCount;
   g_finiCount = 0;
   pthread_mutex_unlock(&g_finiMutex);
-  for (int i = count - 1; i >= 0; --i) g_finiEntries[i].callback(0, g_finiEntries[i].argument);
+  const pid_t self = getpid();
+  for (int i = count - 1; i >= 0; --i) {
+    if (g_finiEntries[i].owner == self) g_finiEntries[i].callback(0, g_finiEntries[i].argument);
+  }
 }
 
 // Start block of a helper thread; lives on the creator's stack until the new
@@ -140,6 +149,23 @@ int32_t KyPosixHostGetPid(void) {
   return static_cast<int32_t>(getpid());
 }
 
+// A helper thread takes none of the application's signals, as in a host
+// framework: a signal delivered to it would interrupt its blocking calls
+// (the command service thread's semaphore wait ends on EINTR) and would run
+// the application's handlers on a thread the application does not know.
+// The new thread inherits the creator's mask, so block everything around
+// pthread_create and restore the creator's mask at once.
+static int CreateWithSignalsBlocked(pthread_t* thread, const pthread_attr_t* attributes,
+                                    StartBlock* block) {
+  sigset_t everything;
+  sigset_t previous;
+  sigfillset(&everything);
+  pthread_sigmask(SIG_SETMASK, &everything, &previous);
+  const int error = pthread_create(thread, attributes, HelperThreadMain, block);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  return error;
+}
+
 KyThreadId KyPosixHostThreadCreate(KyThreadFunction function, void* argument, size_t stackSize,
                                    uint64_t* handle) {
   if (function == nullptr || handle == nullptr) return KY_INVALID_THREAD_ID;
@@ -152,7 +178,7 @@ KyThreadId KyPosixHostThreadCreate(KyThreadFunction function, void* argument, si
   StartBlock block{function, argument, KyPosixHostGetThreadId(), 0, {}};
   sem_init(&block.started, 0, 0);
   pthread_t thread;
-  const int error = pthread_create(&thread, &attributes, HelperThreadMain, &block);
+  const int error = CreateWithSignalsBlocked(&thread, &attributes, &block);
   pthread_attr_destroy(&attributes);
   if (error != 0) {
     sem_destroy(&block.started);
@@ -190,7 +216,7 @@ void KyPosixHostAddFini(KyFiniFunction callback, void* argument) {
   pthread_mutex_lock(&g_finiMutex);
   if (!g_finiRunnerRegistered) g_finiRunnerRegistered = (std::atexit(RunFiniCallbacks) == 0);
   if (g_finiCount < KY_POSIX_HOST_MAX_FINI_CALLBACKS) {
-    g_finiEntries[g_finiCount++] = FiniEntry{callback, argument};
+    g_finiEntries[g_finiCount++] = FiniEntry{callback, argument, getpid()};
   }
   pthread_mutex_unlock(&g_finiMutex);
 }

@@ -1,6 +1,7 @@
 // The POSIX host adapter: every hook it installs, for a normal Linux program.
 #include "kyrt/posix_host.h"
 
+#include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -188,6 +189,51 @@ TEST_F(PosixHost, FiniCallbacksRunAtExitInReverseOrder) {
         std::exit(3);
       },
       ::testing::ExitedWithCode(3), "^cba$");
+}
+
+void RecordSignalMask(void* argument) {
+  pthread_sigmask(SIG_SETMASK, nullptr, static_cast<sigset_t*>(argument));
+}
+
+// Helper threads must not take the application's signals: one would
+// interrupt their blocking waits. The creator's own mask stays as it was.
+TEST_F(PosixHost, HelperThreadsStartWithEverySignalBlocked) {
+  sigset_t helperMask;
+  sigemptyset(&helperMask);
+  sigset_t before;
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
+  uint64_t handle = 0;
+  ASSERT_NE(KyPosixHostThreadCreate(RecordSignalMask, &helperMask, 0, &handle),
+            KY_INVALID_THREAD_ID);
+  ASSERT_EQ(KyPosixHostThreadWait(&handle, 5000, nullptr), 1);
+  for (int signal : {SIGCHLD, SIGINT, SIGTERM, SIGUSR1, SIGALRM, SIGPIPE}) {
+    EXPECT_EQ(sigismember(&helperMask, signal), 1) << signal;
+  }
+  sigset_t after;
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  for (int signal = 1; signal < NSIG; ++signal) {
+    EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+  }
+}
+
+// A callback belongs to the process that registered it: it tears down that
+// process's helper threads and channels, which a forked child does not have.
+TEST_F(PosixHost, FiniCallbacksOfTheParentDoNotRunInAForkedChild) {
+  EXPECT_EXIT(
+      {
+        KyPosixHostInstall();
+        static char marks[] = "pc";
+        KyPosixHostAddFini(WriteMark, &marks[0]);
+        const pid_t child = fork();
+        if (child == 0) {
+          KyPosixHostAddFini(WriteMark, &marks[1]);  // the child's own: runs
+          std::exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        std::exit(WIFEXITED(status) ? 4 : 5);
+      },
+      ::testing::ExitedWithCode(4), "^cp$");
 }
 
 }  // namespace
