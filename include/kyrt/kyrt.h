@@ -28,5 +28,6 @@
 #include "kyrt/vectors.h"
 #include "kyrt/xml_file.h"
 #include "kyrt/xml_writer.h"
+#include "kyrt/zca.h"
 
 #endif /* KYRT_KYRT_H */
