@@ -1,6 +1,6 @@
 # Entry points. Each target installs what it needs first.
 #   make test   build and run every test: normal, ASan+UBSan, TSan
-#   make demo   build the library and run the main job
+#   make demo   build everything and run kyheap on real programs
 #   make bench  run the benchmarks (Release build)
 
 .PHONY: deps test demo bench format clean
@@ -12,9 +12,7 @@ test: deps
 	@scripts/run-tests.sh
 
 demo: deps
-	@cmake --preset default >/dev/null
-	@cmake --build --preset default --target lock_demo
-	@build/default/examples/lock_demo
+	@scripts/demo.sh
 
 bench: deps
 	@cmake --preset bench >/dev/null

@@ -22,6 +22,8 @@ packages=(
   libjemalloc-dev   # benchmark peer
   libmimalloc-dev   # benchmark peer
   libtbb-dev        # benchmark peer: concurrent containers
+  python3           # kyheap's tests and demo run real programs under the tool
+  heaptrack         # benchmark peer of kyheap
 )
 
 missing=()
