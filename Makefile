@@ -1,7 +1,7 @@
 # Entry points. Each target installs what it needs first.
 #   make test   build and run every test: normal, ASan+UBSan, TSan
 #   make demo   build everything and run kyheap on real programs
-#   make bench  run the benchmarks (Release build)
+#   make bench  run every benchmark against its peers, write docs/performance.md
 
 .PHONY: deps test demo bench format clean
 
@@ -15,9 +15,7 @@ demo: deps
 	@scripts/demo.sh
 
 bench: deps
-	@cmake --preset bench >/dev/null
-	@cmake --build --preset bench
-	@for suite in build/bench/bench/kyrt_*_bench; do echo "==== $$suite"; $$suite || exit 1; done
+	@scripts/bench-report.sh
 
 format:
 	@git ls-files '*.c' '*.cpp' '*.h' | xargs clang-format -i

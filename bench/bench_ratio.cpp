@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -180,7 +182,24 @@ void PrintColumns(std::ostream& out, const std::vector<std::vector<std::string>>
   }
 }
 
-void PrintRatioTable(std::ostream& out,
+// The environment variable naming a file to which each suite appends its
+// ratio rows as tab-separated values, for the report of all suites
+// (scripts/bench-report.sh): suite, family, ours, peer, ours ns, peer ns,
+// ratio, target, result.
+constexpr const char* kRatioFileVariable = "KYRT_BENCH_RATIO_FILE";
+
+void AppendRatioRows(const std::string& suite, const std::vector<std::vector<std::string>>& rows) {
+  const char* path = std::getenv(kRatioFileVariable);
+  if (path == nullptr || *path == '\0') return;
+  std::ofstream file(path, std::ios::app);
+  for (size_t i = 1; i < rows.size(); ++i) {  // row 0 holds the headings
+    file << suite;
+    for (const std::string& cell : rows[i]) file << '\t' << cell;
+    file << '\n';
+  }
+}
+
+void PrintRatioTable(std::ostream& out, const std::string& suite,
                      const std::vector<std::pair<std::string, Measurement>>& measurements) {
   std::vector<std::vector<std::string>> rows{
       {"family", "ours", "peer", "ours ns", "peer ns", "ratio", "target", "result"}};
@@ -211,6 +230,7 @@ void PrintRatioTable(std::ostream& out,
   }
   if (rows.size() == 1 && failed.empty()) return;  // nothing ran, e.g. --benchmark_list_tests
 
+  AppendRatioRows(suite, rows);
   out << "\nRatios ours / peer: real time per operation, median over repetitions"
          " (below 1: ours is faster)\n\n";
   PrintColumns(out, rows, 3);
@@ -263,7 +283,9 @@ int main(int argc, char** argv) {
                                                ? benchmark::ConsoleReporter::OO_ColorTabular
                                                : benchmark::ConsoleReporter::OO_Tabular);
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  kyrt::bench::PrintRatioTable(std::cout, reporter.measurements());
+  const char* slash = std::strrchr(argv[0], '/');
+  const std::string suite = slash != nullptr ? slash + 1 : argv[0];
+  kyrt::bench::PrintRatioTable(std::cout, suite, reporter.measurements());
   benchmark::Shutdown();
   return 0;
 }

@@ -26,7 +26,10 @@
 //
 // Linking kyrt_bench_ratio supplies main(): it installs the POSIX host,
 // starts the runtime, prints the machine, runs the benchmarks and prints the
-// table. Its defaults (repetitions, warm-up, minimum time, aggregates-only
+// table; when the environment variable KYRT_BENCH_RATIO_FILE names a file,
+// it also appends the table's rows to it (tab-separated), from which
+// scripts/bench-report.sh builds the report of all suites. Its defaults
+// (repetitions, warm-up, minimum time, aggregates-only
 // console output) come before the user's arguments, so any flag of the
 // benchmark library given on the command line overrides them.
 #ifndef KYRT_BENCH_BENCH_RATIO_H

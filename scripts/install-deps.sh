@@ -24,6 +24,7 @@ packages=(
   libtbb-dev        # benchmark peer: concurrent containers
   python3           # kyheap's tests and demo run real programs under the tool
   heaptrack         # benchmark peer of kyheap
+  gnuplot-nox       # the chart of the benchmark report
 )
 
 missing=()
