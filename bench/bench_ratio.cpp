@@ -219,7 +219,7 @@ void PrintRatioTable(std::ostream& out, const std::string& suite,
           ++(isMet ? met : missed);
         }
         rows.push_back({family.name, oursRole, peerRole, Format("%.2f", oursNs),
-                        Format("%.2f", peerNs), Format("%.2f", ratio), bound, result});
+                        Format("%.2f", peerNs), Format("%.3g", ratio), bound, result});
       }
     }
   }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_runtime.h"
 #include "kyrt/log.h"
 #include "kyrt/memory.h"
 #include "kyrt/posix_host.h"
@@ -55,9 +56,7 @@ void CheckDefinition(const KyZCADefinition& definition, int result, std::size_t 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  KyPosixHostInstall();
-  __KyRtStartup();
-  __KyCreateLogger(KY_LOG_DEFAULT_SOURCE, "/dev/null", 0);
+  StartRuntimeWithDiscardedLog();
   return 0;
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz_runtime.h"
 #include "kyrt/log.h"
 #include "kyrt/posix_host.h"
 #include "kyrt/runtime.h"
@@ -40,13 +41,8 @@ int CheckRecord(KyZCARecord* record, void* user) {
 
 }  // namespace
 
-// The runtime is started once so that the parser's log records are
-// formatted and written as in a tool; they go to /dev/null rather than
-// piling up in the working directory.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  KyPosixHostInstall();
-  __KyRtStartup();
-  __KyCreateLogger(KY_LOG_DEFAULT_SOURCE, "/dev/null", 0);
+  StartRuntimeWithDiscardedLog();
   return 0;
 }
 

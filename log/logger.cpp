@@ -5,6 +5,7 @@
 //                  whole under its file lock
 //   g_created      set once a creation succeeded, never cleared
 //   g_creation     spin word serialising creation
+//   g_creator      the thread holding g_creation (0 when free)
 //   g_sourceCount  source slots handed out, source 0 ("kyrt") included;
 //                  changed by atomic increment and decrement only
 //   g_sourceNames  the name each source's records carry
@@ -29,6 +30,7 @@ namespace {
 KyXmlFileHandle g_logFile = nullptr;
 int32_t g_created = 0;
 int32_t g_creation = 0;
+KyThreadId g_creator = 0;
 int32_t g_sourceCount = 1;
 int32_t g_releasedCount = 1;  // releases plus one; kept for statistics only
 const char* g_sourceNames[KY_LOG_MAX_SOURCES] = {KY_LOG_DEFAULT_SOURCE};
@@ -48,10 +50,20 @@ bool RuntimeStarted() {
 
 void TakeCreationGuard() {
   while (__KyInterlockedCompareExchange(&g_creation, 1, 0) != 0) __KyYield();
+  kyrt::StoreRelaxed(&g_creator, __KyGetNativeThreadId());
 }
 
 void ReleaseCreationGuard() {
+  kyrt::StoreRelaxed(&g_creator, KyThreadId{0});
   kyrt::StoreRelease(&g_creation, 0);
+}
+
+// Creating the file allocates; when that allocation runs out of memory, the
+// out-of-memory report asks for the log from inside the creation. Waiting
+// for the guard then would wait for ourselves forever.
+bool CreatingOnThisThread() {
+  const KyThreadId self = __KyGetNativeThreadId();
+  return self != 0 && kyrt::LoadRelaxed(&g_creator) == self;
 }
 
 void WriteRootElement(KyXmlFileHandle file, const char* source) {
@@ -111,6 +123,8 @@ const char* LoggerSourceName(uint32_t source) {
 KyXmlFileHandle LogFileCreatingDefault() {
   KyXmlFileHandle file = __atomic_load_n(&g_logFile, __ATOMIC_ACQUIRE);
   if (file != nullptr) return file;
+  // A record raised by the creation itself finds no log yet and is dropped.
+  if (CreatingOnThisThread()) return nullptr;
   // Checked again under the guard: two threads logging their first record
   // at once must not both create (and truncate) the file.
   TakeCreationGuard();

@@ -6,7 +6,7 @@ set terminal pngcairo size 1600,900 font "sans,9"
 set output output
 set title "KYRT against its peers: ratio ours / peer of time per operation (below 1: ours is faster)"
 set logscale y 2
-set yrange [0.05:16]
+set yrange [0.004:32]
 set ylabel "ours / peer"
 set grid ytics
 set style fill solid 0.8 border -1
