@@ -15,7 +15,6 @@
 // median and the 99th percentile of each run are reported as counters
 // (microseconds). Target: a median under 200 microseconds.
 #include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,7 +32,6 @@
 #include "bench_ratio.h"
 #include "kyrt/command_handler.h"
 #include "kyrt/controller.h"
-#include "kyrt/posix_host.h"
 
 namespace {
 
@@ -99,19 +97,6 @@ void MeasureOnArrival(int code, int stampHigh, int stampLow, int, int, unsigned 
   if (code == kLatencyCode) g_channelMailbox.post(now - StampFrom(stampHigh, stampLow));
 }
 
-// The host framework's helper threads take none of the application's
-// signals; the POSIX host's inherit their creator's mask.
-KyThreadId CreateWithSignalsBlocked(KyThreadFunction function, void* argument, size_t stackSize,
-                                    uint64_t* handle) {
-  sigset_t all;
-  sigset_t previous;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &previous);
-  const KyThreadId id = KyPosixHostThreadCreate(function, argument, stackSize, handle);
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  return id;
-}
-
 std::string g_channelDirectory;
 KyController* g_controller = nullptr;
 
@@ -127,8 +112,7 @@ KyController* OpenChannel() {
     char pattern[] = "/tmp/kyrt-command-bench-XXXXXX";
     if (mkdtemp(pattern) == nullptr) return false;
     g_channelDirectory = pattern;
-    __KySetThreadProcs(CreateWithSignalsBlocked, KyPosixHostThreadExit, KyPosixHostThreadWait,
-                       KyPosixHostAddFini);
+    // The helper-thread hooks come from the POSIX host, installed by main().
     if (__KyRegisterCommandHandler(pattern, MeasureOnArrival, nullptr) != 1) return false;
     std::atexit(RemoveChannel);
     return KyControllerOpen(pattern, &g_controller) == KYCTL_OK;

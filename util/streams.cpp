@@ -4,9 +4,7 @@
 // An instrumented program may have closed descriptors 0 to 2. A stream the
 // runtime opened on one of them would receive whatever the program later
 // writes to "standard output", or be closed under the runtime's feet, so
-// __KyFopen never hands out such a stream: when fopen lands low, the low
-// descriptors are filled with duplicates until one lands above 2, the file
-// is opened again (now necessarily above 2) and the fillers are closed.
+// __KyFopen never hands out such a stream (see util/standard_descriptors.h).
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,18 +12,9 @@
 
 #include "kyrt/files.h"
 #include "kyrt/strings.h"
+#include "util/standard_descriptors.h"
 
 namespace {
-
-constexpr int kHighestStandardDescriptor = 2;
-
-// Duplicates that can land on standard descriptors: every one of them except
-// the descriptor being duplicated, since duplicates are kept open.
-constexpr int kMaxLowDuplicates = kHighestStandardDescriptor;
-
-bool IsStandardDescriptor(int fd) {
-  return fd <= kHighestStandardDescriptor;
-}
 
 FILE* OpenRecordingErrno(const char* path, const char* mode, int* error) {
   FILE* stream = std::fopen(path, mode);
@@ -33,40 +22,13 @@ FILE* OpenRecordingErrno(const char* path, const char* mode, int* error) {
   return stream;
 }
 
-void CloseLatestFirst(const int* descriptors, int count) {
-  while (count > 0) close(descriptors[--count]);
-}
-
-// low is the descriptor of a stream just opened on path. Returns a stream on
-// path above the standard descriptors, or null. Either way low is closed
-// with close, not fclose: the first stream's record is abandoned, never
-// flushed and never freed, so nothing it might hold reaches the file and no
-// other stream can be disturbed through it.
-FILE* ReopenAboveStandardDescriptors(const char* path, const char* mode, int* error, int low) {
-  int duplicates[kMaxLowDuplicates];
-  int count = 0;
-  FILE* reopened = nullptr;
-  for (;;) {
-    const int duplicate = dup(low);
-    if (duplicate < 0) break;
-    if (!IsStandardDescriptor(duplicate)) {
-      // The standard descriptors are all taken now: the next open lands
-      // where this duplicate was, or higher.
-      close(duplicate);
-      reopened = OpenRecordingErrno(path, mode, error);
-      break;
-    }
-    if (count == kMaxLowDuplicates) {
-      // Only another thread closing standard descriptors meanwhile can get
-      // here; give up as if dup had failed rather than overrun the list.
-      close(duplicate);
-      break;
-    }
-    duplicates[count++] = duplicate;
-  }
-  CloseLatestFirst(duplicates, count);
-  close(low);
-  return reopened;
+// The first stream's descriptor is closed with close, not fclose: its record
+// is abandoned, never flushed and never freed, so nothing it might hold
+// reaches the file and no other stream can be disturbed through it.
+FILE* ReopenStreamAboveStandardDescriptors(const char* path, const char* mode, int* error,
+                                           FILE* low) {
+  return kyrt::ReopenAboveStandardDescriptors<FILE*>(
+      fileno(low), nullptr, [=] { return OpenRecordingErrno(path, mode, error); });
 }
 
 }  // namespace
@@ -75,8 +37,8 @@ extern "C" {
 
 FILE* __KyFopen(const char* path, const char* mode, int* error) noexcept {
   FILE* stream = OpenRecordingErrno(path, mode, error);
-  if (stream == nullptr || !IsStandardDescriptor(fileno(stream))) return stream;
-  return ReopenAboveStandardDescriptors(path, mode, error, fileno(stream));
+  if (stream == nullptr || !kyrt::IsStandardDescriptor(fileno(stream))) return stream;
+  return ReopenStreamAboveStandardDescriptors(path, mode, error, stream);
 }
 
 FILE* __KyWFopen(const wchar_t* path, const wchar_t* mode, int* error) noexcept {

@@ -5,6 +5,7 @@
 
 #include "kyrt/memory.h"
 #include "libc_allocator.h"
+#include "mutex_hold.h"
 
 namespace kyheap {
 namespace {
@@ -26,17 +27,6 @@ uint64_t AddressHash(KyHashTable*, uint64_t key) {
 uint64_t RangeEnd(uintptr_t start, uint64_t size) {
   return start + std::max<uint64_t>(size, 1);
 }
-
-class MutexHold {
- public:
-  explicit MutexHold(pthread_mutex_t* mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
-  ~MutexHold() { pthread_mutex_unlock(mutex_); }
-  MutexHold(const MutexHold&) = delete;
-  MutexHold& operator=(const MutexHold&) = delete;
-
- private:
-  pthread_mutex_t* mutex_;
-};
 
 template <typename Key>
 void KeepLargest(std::vector<SiteSnapshot>* sites, int limit, Key key) {

@@ -14,6 +14,7 @@
 #include "kyrt/memory.h"
 #include "kyrt/runtime.h"
 #include "libc_allocator.h"
+#include "mutex_hold.h"
 #include "reentry_guard.h"
 #include "report_paths.h"
 #include "report_writer.h"
@@ -34,17 +35,6 @@ void* AllocateFromLibc(size_t size) {
 void ReleaseToLibc(void* block) {
   __libc_free(block);
 }
-
-class MutexHold {
- public:
-  explicit MutexHold(pthread_mutex_t* mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
-  ~MutexHold() { pthread_mutex_unlock(mutex_); }
-  MutexHold(const MutexHold&) = delete;
-  MutexHold& operator=(const MutexHold&) = delete;
-
- private:
-  pthread_mutex_t* mutex_;
-};
 
 bool IsMainProcessOfRun() {
   const char* mainPid = std::getenv(kMainPidVariable);

@@ -8,6 +8,7 @@
 #include "kyrt/debug_dump.h"
 #include "kyrt/log.h"
 #include "kyrt/options.h"
+#include "mutex_hold.h"
 
 namespace kyheap {
 namespace {
@@ -23,25 +24,17 @@ const KyDbgMapEntry kChannelMap[] = {
     {0x08, "command"}, {0x10, "report"}, {0x1F, "all"},  {0, nullptr},
 };
 
-class LogHold {
- public:
-  LogHold() { pthread_mutex_lock(&g_logMutex); }
-  ~LogHold() { pthread_mutex_unlock(&g_logMutex); }
-  LogHold(const LogHold&) = delete;
-  LogHold& operator=(const LogHold&) = delete;
-};
-
 void LogFormatted(int32_t severity, const char* format, va_list arguments) {
   char text[kRecordSize];
   std::vsnprintf(text, sizeof text, format, arguments);
-  LogHold hold;
+  MutexHold hold(&g_logMutex);
   __KyLogInternal(severity, g_messageId, 0, "%s", text);
 }
 
 }  // namespace
 
 bool OpenToolLog(const std::string& path, bool append, const std::string& debugChannels) {
-  LogHold hold;
+  MutexHold hold(&g_logMutex);
   __KyCreateLogger(kSourceName, path.c_str(), append ? 1 : 0);
   static const KyLogMessageDefinition kToolMessage{"KYHEAP", nullptr, KY_LOG_MSG_FLAG_TEXT, 0};
   const int32_t id = __KyRegisterLogMessage2(&kToolMessage);
@@ -75,17 +68,17 @@ void DebugDump(DebugChannel channel, const char* format, ...) {
   va_start(arguments, format);
   std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  LogHold hold;
+  MutexHold hold(&g_logMutex);
   __KyDbgMessageDumpInternal(channel, "%s", text);
 }
 
 void LogOptionValues(uint32_t parser) {
-  LogHold hold;
+  MutexHold hold(&g_logMutex);
   __KyLogToolOptionValues(parser);
 }
 
 void CloseToolLog() {
-  LogHold hold;
+  MutexHold hold(&g_logMutex);
   __KyCloseLogger();
 }
 
